@@ -1,0 +1,107 @@
+#include "path_resolver.h"
+
+#include <errno.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "phone_state.h"
+
+namespace velmar_phone {
+namespace {
+
+constexpr std::string_view kPhonePaths[] = {
+        "/data",        "/vendor",   "/mnt/vendor", "/sys/devices/platform/cp-tm1",
+        kChannelDevice, kBootDevice,
+};
+
+// The kernel's own limit on links in one path.
+constexpr int kMaxLinks = 40;
+
+// Takes the next name off `rest`, leaving it empty or at a slash; empty at the end.
+std::string_view NextName(std::string_view* rest) {
+    for (;;) {
+        rest->remove_prefix(std::min(rest->find_first_not_of('/'), rest->size()));
+        const std::string_view name = rest->substr(0, rest->find('/'));
+        rest->remove_prefix(name.size());
+        if (name != ".") return name;
+    }
+}
+
+bool IsPhoneDirectory(std::string_view path) {
+    for (const std::string_view known : kPhonePaths) {
+        if (path == known) return true;
+    }
+    return false;
+}
+
+bool EndsWith(std::string_view text, std::string_view end) {
+    return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
+}
+
+// Goes one directory up, but not above the first `floor` bytes.
+int Ascend(size_t floor, PathText* at) {
+    if (at->length == floor) return 0;
+    if (!at->Append("/")) return ENAMETOOLONG;
+    // With its slash the path is found only if it is a directory: "file/.." is an error.
+    if (access(at->text, F_OK) != 0) return errno;
+    at->Cut(at->length - 1);
+    at->Cut(at->View().rfind('/'));
+    return 0;
+}
+
+bool ReadLink(const char* path, PathText* target) {
+    const ssize_t length = readlink(path, target->text, sizeof(target->text) - 1);
+    if (length <= 0) return false;
+    target->Cut(static_cast<size_t>(length));
+    return true;
+}
+
+}  // namespace
+
+bool FindPhonePath(const char* path, PathText* phone_path) {
+    if (path == nullptr || path[0] != '/' || strlen(path) >= PATH_MAX) return false;
+    std::string_view rest(path);
+    phone_path->Cut(0);
+    for (auto name = NextName(&rest); !name.empty(); name = NextName(&rest)) {
+        if (name == "..") {
+            phone_path->Cut(std::min(phone_path->View().rfind('/'), phone_path->length));
+            continue;
+        }
+        phone_path->Append("/");
+        phone_path->Append(name);
+        if (IsPhoneDirectory(phone_path->View())) return phone_path->Append(rest);
+    }
+    return false;
+}
+
+int ResolveBelow(std::string_view root, std::string_view phone_path, LastLink last, PathText* at) {
+    PathText pending;
+    at->Cut(0);
+    if (!at->Append(root) || !pending.Append(phone_path)) return ENAMETOOLONG;
+    int links = 0;
+    std::string_view rest = pending.View();
+    for (auto name = NextName(&rest); !name.empty(); name = NextName(&rest)) {
+        if (name == "..") {
+            if (const int error = Ascend(root.size(), at)) return error;
+            continue;
+        }
+        const size_t parent = at->length;
+        if (!at->Append("/") || !at->Append(name)) return ENAMETOOLONG;
+        if (rest.empty() && last == LastLink::kKeep) return 0;
+        PathText target;
+        if (!ReadLink(at->text, &target)) continue;
+        if (++links > kMaxLinks) return ELOOP;
+        if (!target.Append(rest)) return ENAMETOOLONG;
+        at->Cut(target.text[0] == '/' ? root.size() : parent);
+        pending = target;
+        rest = pending.View();
+    }
+    // "dir/" and "dir/." ask more of the call than "dir" does.
+    for (const std::string_view end : {"/", "/."}) {
+        if (EndsWith(pending.View(), end) && !at->Append(end)) return ENAMETOOLONG;
+    }
+    return 0;
+}
+
+}  // namespace velmar_phone
