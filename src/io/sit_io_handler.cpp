@@ -1,0 +1,108 @@
+#include "io/sit_io_handler.h"
+
+#include <android/log.h>
+#include <errno.h>
+#include <string.h>
+#include <sys/select.h>
+#include <unistd.h>
+
+#include "message/log_tag.h"
+#include "message/velmar_message_handler.h"
+
+namespace {
+
+// The largest message that can be received.
+constexpr int kBufferSize = 65568;
+
+constexpr unsigned int kOfflineSeconds = 2;
+constexpr useconds_t kReopenMicroseconds = 20000;
+
+}  // namespace
+
+SitIoHandler::SitIoHandler(VelmarMessageHandler* message_handler)
+    : handler(message_handler), channel(std::make_unique<SitIoChannel>()) {}
+
+SitIoHandler::~SitIoHandler() {
+    // The thread uses the buffer and the channel until it is joined.
+    thread.reset();
+}
+
+bool SitIoHandler::Start() {
+    if (!channel) {
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "IO channel is not initialized.");
+        return false;
+    }
+    if (!buffer) buffer.reset(new char[kBufferSize]);
+    thread = std::make_unique<Thread>(this);
+    // A thread that cannot be created gives a positive number and deliberately passes as success:
+    // the service then runs on without it.
+    if (thread->Start() < 0) {
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Thread is not initialized successfully.");
+        return false;
+    }
+    __android_log_print(ANDROID_LOG_INFO, kLogTag, "IO handler started");
+    return true;
+}
+
+void SitIoHandler::Run() {
+    if (!channel) {
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "IO channel is not initialized");
+        return;
+    }
+    if (channel->OpenChannel() != 0) {
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Failed to open IO channel");
+        return;
+    }
+    int dirty = kBufferSize;
+    while (true) {
+        if (!handler->IsModemOnline()) {
+            sleep(kOfflineSeconds);
+            continue;
+        }
+        int fd = channel->GetFd();
+        if (fd < 0) {
+            // The device could not be reopened. There is nothing to wait on, so it is tried again.
+            ReopenChannel();
+            continue;
+        }
+        fd_set readable;
+        FD_ZERO(&readable);
+        FD_SET(fd, &readable);
+        if (select(fd + 1, &readable, nullptr, nullptr, nullptr) < 1) break;
+        if (FD_ISSET(fd, &readable)) dirty = ReceiveMessage(dirty);
+    }
+    __android_log_print(ANDROID_LOG_ERROR, kLogTag, "IO handler timeout");
+    channel->CloseChannel();
+    __android_log_print(ANDROID_LOG_ERROR, kLogTag, "IO handler thread stopped");
+}
+
+int SitIoHandler::ReceiveMessage(int dirty) {
+    // Handlers find zeros after a message. Only what the last one left needs clearing.
+    memset(buffer.get(), 0, dirty);
+    int length = channel->ReadFromChannel(buffer.get(), kBufferSize);
+    if (length >= 1) {
+        handler->ProcessReceivedMessage(buffer.get(), length);
+        return length;
+    }
+    int error = errno;
+    __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Read channel error, size:%d, errno:%d", length,
+                        error);
+    if (length == 0 || (error != EINTR && error != EAGAIN)) ReopenChannel();
+    return 0;
+}
+
+void SitIoHandler::ReopenChannel() {
+    channel->CloseChannel();
+    usleep(kReopenMicroseconds);
+    channel->OpenChannel();
+}
+
+int SitIoHandler::SendData(char* data, int length) {
+    if (!channel) {
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "IO channel is not initialized");
+        // Deliberately success for the caller.
+        return 0;
+    }
+    channel->OpenChannel();
+    return channel->WriteToChannel(data, length);
+}

@@ -1,0 +1,57 @@
+#include <android/log.h>
+#include <limits.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include "main/command_line.h"
+#include "main/pid_file.h"
+#include "main/signal_handler.h"
+#include "message/log_tag.h"
+#include "message/velmar_message_handler.h"
+
+namespace {
+
+constexpr uint8_t kSet = 1;
+
+// Sends `signo` to the running server, saying so with `line`. Returns false, with a log line, when
+// no server is recorded. Whether the process exists is not looked at.
+bool SignalServer(int signo, const char* line) {
+    pid_t pid = velmar_get_pid();
+    if (pid < 1) {
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Failed to get pid");
+        return false;
+    }
+    __android_log_print(ANDROID_LOG_INFO, kLogTag, "%s", line);
+    kill(pid, signo);
+    return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc == 1) {
+        PrintUsage(argv[0]);
+        return -1;
+    }
+    ModeFlags flags = ParseCommandLine(argc, argv);
+    (void)signal(SIGUSR1, velmar_signal_handler);
+    (void)signal(SIGUSR2, velmar_signal_handler);
+    if (flags.modem_stat == kSet && !SignalServer(SIGUSR1, "Send signal for modemstat request")) {
+        return -1;
+    }
+    if (flags.extended_log == kSet &&
+        !SignalServer(SIGUSR2, "Send signal for extendedlog request")) {
+        return -1;
+    }
+    if (flags.server != kSet) {
+        // Deliberately an error line, though it ends every client run.
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Force to exit");
+        return 0;
+    }
+    if (VelmarMessageHandler::GetInstance()->Start() != kStatusSuccess) {
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Failed to start message handler");
+        return -1;
+    }
+    velmar_write_pid();
+    while (true) sleep(UINT_MAX);
+}

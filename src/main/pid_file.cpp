@@ -1,0 +1,40 @@
+#include "main/pid_file.h"
+
+#include <android/log.h>
+#include <stdio.h>
+#include <unistd.h>
+
+#include <exception>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+#include "message/log_tag.h"
+
+namespace {
+
+constexpr char kPidFile[] = "/data/vendor/radio/velmar_pid";
+constexpr int kDecimal = 10;
+
+}  // namespace
+
+int velmar_get_pid() {
+    std::ifstream file(kPidFile);
+    if (!file.good()) {
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Unable to access pid file");
+        return -1;
+    }
+    try {
+        std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+        return std::stoi(text, nullptr, kDecimal);
+    } catch (const std::exception& error) {
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "%s", error.what());
+        return -1;
+    }
+}
+
+void velmar_write_pid() {
+    (void)remove(kPidFile);
+    std::ofstream file(kPidFile);
+    file << std::to_string(getpid());
+}

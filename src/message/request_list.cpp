@@ -1,0 +1,76 @@
+#include "message/request_list.h"
+
+#include "message/mutex_guard.h"
+
+namespace {
+
+SitMessage* CloneOrNull(const SitMessage* message) {
+    return message != nullptr ? message->Clone() : nullptr;
+}
+
+}  // namespace
+
+RequestRecord::RequestRecord(unsigned int request_token) : token(request_token), message(nullptr) {}
+
+RequestRecord::RequestRecord(const RequestRecord& other)
+    : token(other.token), message(CloneOrNull(other.message)) {}
+
+RequestRecord::~RequestRecord() {
+    token = kNoToken;
+    delete message;
+}
+
+RequestRecord& RequestRecord::operator=(const RequestRecord& other) {
+    if (this == &other) return *this;
+    message = CloneOrNull(other.message);
+    token = other.token;
+    return *this;
+}
+
+RequestList::RequestList() {
+    pthread_mutex_init(&lock, nullptr);
+}
+
+RequestList::~RequestList() {
+    CleanRecord();
+    pthread_mutex_destroy(&lock);
+}
+
+void RequestList::AddRecord(RequestRecord* record) {
+    MutexGuard guard(&lock);
+    if (record->token == kNoToken) return;
+    RequestRecord& entry = records[record->token];
+    // A record whose sender gave up stays, with the response that came too late; the token comes
+    // round again after 2^32 requests.
+    delete entry.message;
+    entry = *record;
+}
+
+RequestRecord RequestList::GetRecord(unsigned int token) {
+    MutexGuard guard(&lock);
+    auto entry = records.find(token);
+    return entry != records.end() ? entry->second : RequestRecord();
+}
+
+void RequestList::RemoveRecord(unsigned int token) {
+    MutexGuard guard(&lock);
+    records.erase(token);
+}
+
+void RequestList::CleanRecord() {
+    MutexGuard guard(&lock);
+    records.clear();
+}
+
+bool RequestList::IsRecordInList(unsigned int token) {
+    MutexGuard guard(&lock);
+    return records.count(token) != 0;
+}
+
+void RequestList::UpdateResponseMessage(unsigned int token, SitMessage* message) {
+    MutexGuard guard(&lock);
+    auto entry = records.find(token);
+    if (entry == records.end()) return;
+    delete entry->second.message;
+    entry->second.message = CloneOrNull(message);
+}

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <pthread.h>
+
+// Work for a thread of its own.
+class Runnable {
+  public:
+    virtual ~Runnable() = default;
+
+    // The work. Runs on the new thread, which ends when this returns.
+    virtual void Run() = 0;
+};
+
+// Runs a Runnable on a POSIX thread and joins it when destroyed. There is no stop request: the
+// thread ends when the work returns.
+class Thread {
+  public:
+    // Stores `work`, borrowed (it owns this object, not the reverse); starts nothing.
+    explicit Thread(Runnable* work);
+
+    // Waits for a started thread to end. Must not run on that thread.
+    virtual ~Thread();
+
+    // The thread's work: that of the runnable, if there is one.
+    virtual void Run();
+
+    Thread(const Thread&) = delete;
+    Thread& operator=(const Thread&) = delete;
+
+    // Starts the thread. Returns 0, or the positive error number of pthread_create.
+    int Start();
+
+    // The thread's entry; `arg` is the Thread. Returns null.
+    static void* ThreadProc(void* arg);
+
+  protected:
+    pthread_t thread;
+    Runnable* runnable;
+    // 1 from a successful start to the join.
+    int started;
+};

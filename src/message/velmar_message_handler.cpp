@@ -1,0 +1,190 @@
+#include "message/velmar_message_handler.h"
+
+#include <android/log.h>
+#include <unistd.h>
+
+#include <chrono>
+
+#include "message/log_tag.h"
+
+using std::chrono::duration_cast;
+using std::chrono::milliseconds;
+using std::chrono::system_clock;
+
+namespace {
+
+constexpr useconds_t kPartsPollMicroseconds = 1000;
+constexpr int kPartsPolls = 3000;
+
+// What a modem that has come online is sent, in this order.
+constexpr unsigned int kStartUpCommands[] = {kCommandDebugStatConfig, kCommandUserspaceLogEnable,
+                                             kCommandGnssCoexConfig};
+
+}  // namespace
+
+// NOLINTNEXTLINE(cert-err58-cpp): without memory for it there is nothing to run.
+VelmarMessageHandler VelmarMessageHandler::instance;
+
+VelmarMessageHandler::VelmarMessageHandler()
+    : modem_state(0), recovery_callback(nullptr), request_list(nullptr) {
+    TokenGen::Init();
+}
+
+VelmarMessageHandler::~VelmarMessageHandler() {
+    // Each reset joins what thread the part has; the reader goes first, since it uses the others.
+    io_handler.reset();
+    state_monitor.reset();
+    service_handler.reset();
+    delete request_list.exchange(nullptr);
+}
+
+VelmarMessageHandler* VelmarMessageHandler::GetInstance() {
+    return &instance;
+}
+
+int VelmarMessageHandler::Start() {
+    if (!state_monitor) {
+        state_monitor.reset(ModemStateMonitor::MakeInstance(this));
+        if (!state_monitor || state_monitor->Start() < 0) {
+            __android_log_print(ANDROID_LOG_ERROR, kLogTag,
+                                "Failed to start modem state monitor thread");
+            return kStatusNotFound;
+        }
+    }
+    if (!io_handler) {
+        io_handler = std::make_unique<SitIoHandler>(this);
+        if (!io_handler->Start()) {
+            __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Failed to start IO handler");
+            return kStatusNotFound;
+        }
+    }
+    if (!service_handler) service_handler = std::make_unique<VelmarServiceHandler>(this);
+    RequestList* list = request_list;
+    if (list == nullptr) list = new RequestList();
+    // Cleaned before the threads can see it: one of them may have a request to record at once.
+    list->CleanRecord();
+    request_list = list;
+    return kStatusSuccess;
+}
+
+bool VelmarMessageHandler::WaitForParts() {
+    // A modem that is online when the service starts is served by two threads that run before the
+    // last parts are made. They wait without a lock, since a signal may interrupt Start() and lead
+    // here on the same thread; that is also why the wait ends.
+    for (int polls = 0; request_list == nullptr; ++polls) {
+        if (polls == kPartsPolls) return false;
+        usleep(kPartsPollMicroseconds);
+    }
+    return true;
+}
+
+void VelmarMessageHandler::OnModemStateChanged(int state) {
+    int old_state = modem_state.exchange(state);
+    if (state != kModemStateOnline || old_state == kModemStateOnline) return;
+    for (unsigned int command : kStartUpCommands) SendServiceRequest(command);
+    if (recovery_callback == nullptr) return;
+    __android_log_print(ANDROID_LOG_INFO, kLogTag, "Modem is back. Call recovery callback");
+    recovery_callback->NotifyCallBack();
+}
+
+bool VelmarMessageHandler::IsModemOnline() {
+    return state_monitor->GetModemState() == kModemStateOnline;
+}
+
+int VelmarMessageHandler::ProcessReceivedMessage(void* data, unsigned int length) {
+    if (data == nullptr || length == 0) return kStatusInvalid;
+    auto* message = new SitMessage(static_cast<const char*>(data), static_cast<int>(length));
+    int status;
+    switch (message->GetType() & 0xFF) {
+        case velmar_message::REQUEST:
+            status = RequestHandler(message);
+            break;
+        case velmar_message::RESPONSE:
+            status = ResponseHandler(message);
+            break;
+        case velmar_message::INDICATION:
+            status = IndicationHandler(message);
+            break;
+        default:
+            // A message of no known type is deliberately not deleted.
+            return kStatusUnsupported;
+    }
+    delete message;
+    return status;
+}
+
+int VelmarMessageHandler::RequestHandler(SitMessage* message) {
+    if (!WaitForParts()) return kStatusNotFound;
+    return service_handler->OnReceiveRequest(message);
+}
+
+int VelmarMessageHandler::ResponseHandler(SitMessage* message) {
+    if (message == nullptr || !message->IsResponse()) return kStatusInvalid;
+    if (!WaitForParts()) return kStatusNotFound;
+    unsigned int token = message->GetToken();
+    if (!request_list.load()->IsRecordInList(token)) return kStatusNotFound;
+    request_list.load()->UpdateResponseMessage(token, message);
+    std::lock_guard<std::mutex> guard(response_lock);
+    response_cond.notify_all();
+    return kStatusSuccess;
+}
+
+int VelmarMessageHandler::IndicationHandler(SitMessage* message) {
+    if (!WaitForParts()) return kStatusNotFound;
+    return service_handler->OnReceiveIndication(message);
+}
+
+int VelmarMessageHandler::WriteMessage(SitMessage* message) {
+    int length = message->GetProtobufSerialDataLength();
+    if (length < 1) return kStatusEncodeFailed;
+    std::unique_ptr<char[]> buffer(new char[length]);
+    if (!message->SerializeSendMessage(buffer.get(), length)) return kStatusEncodeFailed;
+    if (io_handler->SendData(buffer.get(), length) != 0) return kStatusWriteFailed;
+    return kStatusSuccess;
+}
+
+int VelmarMessageHandler::SendRequest(SitMessage* message, unsigned int timeout_seconds) {
+    if (message == nullptr || !message->IsRequest()) return kStatusInvalid;
+    unsigned int token = message->GetToken();
+    if (token == kNoToken) return kStatusInvalid;
+    int status = WriteMessage(message);
+    if (status != kStatusSuccess) return status;
+    // The request is out before it is recorded: a response that is faster finds no record and is
+    // dropped. The list copies the record; this one is deliberately not released.
+    request_list.load()->AddRecord(new RequestRecord(token));
+    return WaitForResponse(static_cast<int>(timeout_seconds), token);
+}
+
+int VelmarMessageHandler::SendResponse(SitMessage* message) {
+    if (message == nullptr || !message->IsResponse()) return kStatusInvalid;
+    return WriteMessage(message);
+}
+
+int VelmarMessageHandler::SendServiceRequest(unsigned int request) {
+    if (!WaitForParts()) return kStatusNotFound;
+    return service_handler->SendServiceRequest(request);
+}
+
+int VelmarMessageHandler::WaitForResponse(int timeout_seconds, unsigned int token) {
+    std::unique_lock<std::mutex> guard(response_lock);
+    int limit_ms = timeout_seconds * 1000;
+    int remaining_ms = limit_ms;
+    auto start = system_clock::now();
+    if (!request_list.load()->IsRecordInList(token)) return kStatusNotFound;
+    while (true) {
+        std::cv_status status = response_cond.wait_for(guard, milliseconds(remaining_ms));
+        RequestRecord record = request_list.load()->GetRecord(token);
+        if (status == std::cv_status::timeout) return kStatusTimeout;
+        auto elapsed = duration_cast<milliseconds>(system_clock::now() - start);
+        remaining_ms = limit_ms - static_cast<int>(elapsed.count());
+        if (record.message != nullptr) return kStatusSuccess;
+    }
+}
+
+RequestRecord VelmarMessageHandler::GetRequestRecord(unsigned int token) {
+    return request_list.load()->GetRecord(token);
+}
+
+void VelmarMessageHandler::RemoveRequestRecord(unsigned int token) {
+    request_list.load()->RemoveRecord(token);
+}

@@ -1,0 +1,106 @@
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+
+#include "io/modem_state_monitor.h"
+#include "io/sit_io_handler.h"
+#include "message/request_list.h"
+#include "message/sit_message.h"
+#include "message/velmar_status.h"
+#include "service/velmar_service_handler.h"
+
+// The hub of the service, one per process: starts its parts, passes on every message that the modem
+// sends, sends what the service has to say, and pairs requests with their responses.
+//
+// Operations return a VelmarStatus. Threads that enter: the IO thread (received messages, and the
+// responses that it sends), the state monitor's thread (state changes, and the requests that they
+// set off) and the thread that takes SIGUSR1 or SIGUSR2 (service requests).
+class VelmarMessageHandler {
+  public:
+    // Stops and frees the parts. Waits for both threads to end.
+    virtual ~VelmarMessageHandler();
+
+    // Starts the state monitor, the IO handler, the service handler and the request list, in this
+    // order; a part that exists is kept. Returns 0, or 8 when a thread could not be started. Called
+    // once, by the main thread.
+    virtual int Start();
+
+    // Takes note of the modem's state, 0 to 4. A change into online (4) sends the start-up service
+    // requests, one after the other, before this returns. Called by the state monitor's thread.
+    virtual void OnModemStateChanged(int state);
+
+    // Decodes one message of `length` bytes and hands it to the handler of its type. Returns what
+    // that returns, 2 for no input, 1 for a message of no known type. Called by the IO thread.
+    virtual int ProcessReceivedMessage(void* data, unsigned int length);
+
+    // Handle a message of their type; they borrow it for the call. Called by the IO thread.
+    virtual int RequestHandler(SitMessage* message);
+    // Stores the response and wakes its sender. Returns 0, 2 for what is not a response, 8 for a
+    // response that nobody awaits, which is dropped.
+    virtual int ResponseHandler(SitMessage* message);
+    virtual int IndicationHandler(SitMessage* message);
+
+    // Sends a request, which must carry a token, and waits for its response for up to
+    // `timeout_seconds`. Returns 0 when the response has come (GetRequestRecord gives it), 2 for
+    // what is not a request with a token, 4 when it cannot be encoded, 7 when it cannot be written,
+    // 5 after the time-out. Its record stays until RemoveRequestRecord. The caller keeps `message`.
+    // Never called by the IO thread, which alone delivers responses.
+    virtual int SendRequest(SitMessage* message, unsigned int timeout_seconds);
+
+    // Sends a response; nothing is waited for. Returns 0, 2 for what is not a response, 4 when it
+    // cannot be encoded, 7 when it cannot be written. The caller keeps `message`. Any thread.
+    virtual int SendResponse(SitMessage* message);
+
+    // Carries out a numbered service command (see VelmarServiceHandler) to its end. Returns what
+    // the command returns, or 8 when the service has not been started. Any thread but the IO
+    // thread.
+    virtual int SendServiceRequest(unsigned int request);
+
+    // Waits for the response for `token` for up to `timeout_seconds`. Returns 0 when it has come, 8
+    // when there is no record of `token`, 5 after the time-out. A response that was stored before
+    // the wait began is not noticed. Any thread but the IO thread.
+    virtual int WaitForResponse(int timeout_seconds, unsigned int token);
+
+    // The process's instance. It exists from before main until normal process exit. Any thread.
+    static VelmarMessageHandler* GetInstance();
+
+    // Whether the modem is online now: asks the boot device. Any thread.
+    bool IsModemOnline();
+
+    // A copy of the record of `token`, with its own clone of the response. Any thread.
+    RequestRecord GetRequestRecord(unsigned int token);
+
+    // Removes the record of `token`. Any thread.
+    void RemoveRequestRecord(unsigned int token);
+
+    VelmarMessageHandler(const VelmarMessageHandler&) = delete;
+    VelmarMessageHandler& operator=(const VelmarMessageHandler&) = delete;
+
+  protected:
+    VelmarMessageHandler();
+
+    std::unique_ptr<ModemStateMonitor> state_monitor;
+    // The last state that OnModemStateChanged was told; 0 at start.
+    std::atomic<int> modem_state;
+    // Borrowed; nothing sets it yet.
+    RecoveryCallback* recovery_callback;
+    std::unique_ptr<VelmarServiceHandler> service_handler;
+    std::unique_ptr<SitIoHandler> io_handler;
+    // Owned. Set last of the parts: once it can be seen, the others can be too.
+    std::atomic<RequestList*> request_list;
+    std::mutex response_lock;
+    // Signalled whenever a response is stored.
+    std::condition_variable response_cond;
+
+  private:
+    // Waits until Start() has made every part. Returns false when that takes too long.
+    bool WaitForParts();
+
+    // Encodes `message` and writes it to the channel. Returns 0, 4 or 7.
+    int WriteMessage(SitMessage* message);
+
+    static VelmarMessageHandler instance;
+};

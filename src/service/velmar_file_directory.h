@@ -1,0 +1,27 @@
+#pragma once
+
+#include <string>
+
+#include "proto/velmar_message.pb.h"
+
+// A directory that takes files from the modem.
+class VelmarFileDirectory {
+  public:
+    VelmarFileDirectory(velmar_message::FileDirectory directory_id, std::string path);
+    virtual ~VelmarFileDirectory();
+
+    velmar_message::FileDirectory id;
+    // The directory's path, ending in "/".
+    std::string prefix;
+};
+
+// The directories that the modem may name; it can write to no other.
+class VelmarFileDirectoryTable {
+  public:
+    // A copy of the path of directory `id`, ending in "/"; "UNKNOWN" when `id` names none. Any
+    // thread.
+    static std::string FindDirectoryFromId(velmar_message::FileDirectory id);
+
+  private:
+    static VelmarFileDirectory table[3];
+};

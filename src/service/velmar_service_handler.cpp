@@ -1,0 +1,40 @@
+#include "service/velmar_service_handler.h"
+
+#include <android/log.h>
+
+#include "message/log_tag.h"
+#include "message/velmar_status.h"
+
+using velmar_message::VelmarMessage;
+
+VelmarServiceHandler::VelmarServiceHandler(VelmarMessageHandler* handler)
+    : message_handler(handler) {}
+
+VelmarServiceHandler::~VelmarServiceHandler() = default;
+
+int VelmarServiceHandler::OnReceiveRequest(SitMessage* message) {
+    if (message == nullptr || !message->IsRequest()) return kStatusInvalid;
+    int id = message->GetMessageId() & 0xFFFF;
+    switch (id) {
+        case VelmarMessage::kPropertyMessage:
+            __android_log_print(ANDROID_LOG_INFO, kLogTag, "Get property request");
+            return OnReceivePropertyRequest(message);
+        default:
+            __android_log_print(ANDROID_LOG_ERROR, kLogTag,
+                                "RequestHandler: Unsupported message id %d", id);
+            return kStatusUnsupported;
+    }
+}
+
+int VelmarServiceHandler::OnReceiveIndication(SitMessage* message) {
+    if (message == nullptr || !message->IsIndication()) return kStatusInvalid;
+    int id = message->GetMessageId() & 0xFFFF;
+    __android_log_print(ANDROID_LOG_ERROR, kLogTag, "IndicationHandler: Unsupported message id %d",
+                        id);
+    return kStatusUnsupported;
+}
+
+int VelmarServiceHandler::SendServiceRequest(unsigned int command) {
+    __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Unsupport command type %d", command);
+    return kStatusInvalid;
+}
