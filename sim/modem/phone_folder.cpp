@@ -1,0 +1,157 @@
+#include "sim/modem/phone_folder.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+
+#include "android-base/unique_fd.h"
+
+#include "sim/modem/errors.h"
+#include "sim/phone/phone_state.h"
+
+namespace velmar_sim {
+
+namespace {
+
+using android::base::unique_fd;
+
+constexpr mode_t kDirectoryMode = 0770;
+constexpr mode_t kSharedFileMode = 0660;
+constexpr char kThermalNode[] = "/sys/devices/platform/cp-tm1/cp_temp";
+
+// What the phone's boot makes and its services rely on.
+constexpr const char* kDirectories[] = {
+        "/dev",
+        "/data/vendor/radio/modem_temp_file",
+        "/data/vendor/radio/mds",
+        "/data/vendor/radio/extended_logs",
+        "/data/vendor/modem_stat",
+        "/mnt/vendor/modem_userdata/replay",
+        "/vendor/etc/modem",
+        "/sys/devices/platform/cp-tm1",
+};
+
+void MakeDirectory(const std::string& host_path) {
+    if (mkdir(host_path.c_str(), kDirectoryMode) == 0) {
+        // The umask of whoever runs the simulator must not decide what the phone looks like.
+        if (chmod(host_path.c_str(), kDirectoryMode) != 0) ThrowErrno("chmod " + host_path);
+    } else if (errno != EEXIST) {
+        ThrowErrno("mkdir " + host_path);
+    }
+}
+
+void PutFile(const std::string& host_path, const std::string& content, mode_t mode) {
+    const unique_fd fd(
+            open(host_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kSharedFileMode));
+    if (fd < 0) ThrowErrno("open " + host_path);
+    for (size_t done = 0; done < content.size();) {
+        const ssize_t written = write(fd.get(), content.data() + done, content.size() - done);
+        if (written < 0) ThrowErrno("write " + host_path);
+        done += static_cast<size_t>(written);
+    }
+    if (fchmod(fd.get(), mode) != 0) ThrowErrno("fchmod " + host_path);
+}
+
+std::string PropertyPath(const std::string& name) {
+    if (name.empty() || name.find('/') != std::string::npos || name.front() == '.') {
+        throw std::runtime_error("\"" + name + "\" is no name for a property");
+    }
+    return std::string(velmar_phone::kPropertyDirectory) + "/" + name;
+}
+
+}  // namespace
+
+std::string PhoneFolder::MakeFresh() {
+    const char* temporary = secure_getenv("TMPDIR");
+    if (temporary == nullptr || *temporary == '\0') temporary = "/tmp";
+    std::string name = std::filesystem::absolute(temporary).string() + "/velmar-phone-XXXXXX";
+    if (mkdtemp(name.data()) == nullptr) ThrowErrno("mkdtemp " + name);
+    return name;
+}
+
+PhoneFolder::PhoneFolder(const std::string& folder)
+    : folder_root(std::filesystem::absolute(folder).string()) {
+    MakeDirectory(folder_root);
+    MakeDirectories(velmar_phone::kPropertyDirectory);
+    for (const char* directory : kDirectories) MakeDirectories(directory);
+    WriteFile(kThermalNode, "", kSharedFileMode);
+    WriteFile(velmar_phone::kStateFile, std::string(sizeof(velmar_phone::PhoneState), '\0'),
+              kSharedFileMode);
+}
+
+bool PhoneFolder::IsPhonePath(const std::string& path) {
+    return path.size() > 1 && path.front() == '/' && (path + "/").find("/../") == std::string::npos;
+}
+
+std::string PhoneFolder::HostPath(const std::string& path) const {
+    if (!IsPhonePath(path)) {
+        throw std::runtime_error("\"" + path + "\" is no absolute path without \"..\"");
+    }
+    return folder_root + path;
+}
+
+void PhoneFolder::MakeDirectories(const std::string& path) const {
+    for (size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
+        MakeDirectory(HostPath(path.substr(0, end)));
+        if (end == std::string::npos) return;
+    }
+}
+
+void PhoneFolder::WriteFile(const std::string& path, const std::string& content,
+                            mode_t mode) const {
+    const std::string host_path = HostPath(path);
+    const size_t name = path.rfind('/');
+    if (name > 0) MakeDirectories(path.substr(0, name));
+    PutFile(host_path, content, mode);
+}
+
+std::optional<std::string> PhoneFolder::ReadFile(const std::string& path) const {
+    std::ifstream stream(HostPath(path), std::ios::binary);
+    if (!stream) return std::nullopt;
+    return std::string(std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>());
+}
+
+std::optional<mode_t> PhoneFolder::Mode(const std::string& path) const {
+    struct stat status;
+    if (lstat(HostPath(path).c_str(), &status) != 0) return std::nullopt;
+    return status.st_mode & static_cast<mode_t>(07777);
+}
+
+void PhoneFolder::Remove(const std::string& path) const {
+    std::filesystem::remove_all(HostPath(path));
+}
+
+void PhoneFolder::SetProperty(const std::string& name, const std::string& value) const {
+    const std::string target = HostPath(PropertyPath(name));
+    if (value.size() > kMaxPropertyValue) {
+        throw std::runtime_error("the value of property " + name + " has " +
+                                 std::to_string(value.size()) + " bytes, expected at most " +
+                                 std::to_string(kMaxPropertyValue));
+    }
+    // Beside the properties, so that the unfinished file never counts as one.
+    const std::string unfinished = folder_root + "/unfinished_property";
+    PutFile(unfinished, value, kSharedFileMode);
+    if (rename(unfinished.c_str(), target.c_str()) != 0) ThrowErrno("rename to " + target);
+}
+
+std::optional<std::string> PhoneFolder::GetProperty(const std::string& name) const {
+    return ReadFile(PropertyPath(name));
+}
+
+void PhoneFolder::RefuseProperty(const std::string& name) const {
+    const std::string refused = ReadFile(velmar_phone::kRefusedProperties).value_or("");
+    WriteFile(velmar_phone::kRefusedProperties, refused + name + "\n", kSharedFileMode);
+}
+
+void PhoneFolder::RemoveTree() const {
+    std::filesystem::remove_all(folder_root);
+}
+
+}  // namespace velmar_sim

@@ -1,0 +1,164 @@
+#include "sim/tool/child_process.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <utility>
+
+#include "sim/modem/errors.h"
+#include "sim/tool/names.h"
+
+namespace velmar_sim {
+
+namespace {
+
+using android::base::unique_fd;
+
+// More than one write of a program can put into a socket.
+constexpr size_t kMaxWrite = size_t{1} << 20;
+constexpr int kCannotRun = 127;
+
+// Both ends of an output. Unlike a pipe it keeps the borders of the program's writes.
+struct OutputEnds {
+    OutputEnds() {
+        int ends[2];
+        if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) {
+            ThrowErrno("socketpair");
+        }
+        reading.reset(ends[0]);
+        writing.reset(ends[1]);
+    }
+    unique_fd reading;
+    unique_fd writing;
+};
+
+void ReadOutput(int fd, const ChildProcess::OutputReader& reader) {
+    std::string buffer(kMaxWrite, '\0');
+    while (true) {
+        const ssize_t size = recv(fd, buffer.data(), buffer.size(), 0);
+        if (size < 0 && errno == EINTR) continue;
+        if (size <= 0) break;
+        reader(buffer.substr(0, static_cast<size_t>(size)));
+    }
+    reader("");
+}
+
+std::vector<char*> Pointers(std::vector<std::string>* texts) {
+    std::vector<char*> pointers;
+    for (std::string& text : *texts) pointers.push_back(text.data());
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+std::vector<std::string> Environment(const std::string& variable) {
+    const std::string name = variable.substr(0, variable.find('=') + 1);
+    std::vector<std::string> all = {variable};
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        if (strncmp(*entry, name.c_str(), name.size()) != 0) all.emplace_back(*entry);
+    }
+    return all;
+}
+
+// In the new process, between fork and exec: system calls only. Gives the error of exec.
+int BecomeProgram(const Launch& launch, char* const* arguments, char* const* environment,
+                  pid_t parent, int output, int errors) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    // A parent that ended before that line will not be noticed by it.
+    if (getppid() != parent) _exit(kCannotRun);
+    // What this process ignores or blocks is not the program's concern.
+    for (int number = 1; number < NSIG; ++number) static_cast<void>(signal(number, SIG_DFL));
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    umask(launch.umask);
+    const int input = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    dup2(input, STDIN_FILENO);
+    dup2(output, STDOUT_FILENO);
+    dup2(errors, STDERR_FILENO);
+    execve(launch.executable.c_str(), arguments, environment);
+    return errno;
+}
+
+}  // namespace
+
+ChildProcess::ChildProcess(const Launch& launch, OutputReader output, OutputReader errors) {
+    OutputEnds output_ends;
+    OutputEnds error_ends;
+    int report_ends[2];
+    if (pipe2(report_ends, O_CLOEXEC) != 0) ThrowErrno("pipe2");
+    const unique_fd report(report_ends[0]);
+    unique_fd reporting(report_ends[1]);
+    std::vector<std::string> argument_texts = launch.arguments;
+    std::vector<std::string> environment_texts = Environment(launch.variable);
+    const std::vector<char*> arguments = Pointers(&argument_texts);
+    const std::vector<char*> environment = Pointers(&environment_texts);
+
+    const pid_t parent = getpid();
+    pid = fork();
+    if (pid < 0) ThrowErrno("fork");
+    if (pid == 0) {
+        const int error = BecomeProgram(launch, arguments.data(), environment.data(), parent,
+                                        output_ends.writing.get(), error_ends.writing.get());
+        [[maybe_unused]] const ssize_t told = write(reporting.get(), &error, sizeof(error));
+        _exit(kCannotRun);
+    }
+    reporting.reset();
+    output_ends.writing.reset();
+    error_ends.writing.reset();
+    int error = 0;
+    // The descriptor closes with a successful exec, so this read waits for either.
+    if (read(report.get(), &error, sizeof(error)) > 0) {
+        waitpid(pid, &status, 0);
+        ThrowErrno("cannot run " + launch.executable, error);
+    }
+    running = true;
+    StartReader(std::move(output_ends.reading), std::move(output));
+    StartReader(std::move(error_ends.reading), std::move(errors));
+}
+
+void ChildProcess::StartReader(unique_fd output, OutputReader reader) {
+    outputs.push_back(std::move(output));
+    readers.emplace_back(ReadOutput, outputs.back().get(), std::move(reader));
+}
+
+ChildProcess::~ChildProcess() {
+    Kill();
+}
+
+bool ChildProcess::IsRunning() {
+    if (running && waitpid(pid, &status, WNOHANG) == pid) ReadToEnd();
+    return running;
+}
+
+void ChildProcess::Signal(int number) const {
+    kill(pid, number);
+}
+
+void ChildProcess::Kill() {
+    if (!running) return;
+    kill(pid, SIGKILL);
+    waitpid(pid, &status, 0);
+    ReadToEnd();
+}
+
+void ChildProcess::ReadToEnd() {
+    running = false;
+    // What is queued is still read, but a program that this one started and that outlives it with
+    // the same outputs is not waited for.
+    for (const unique_fd& output : outputs) shutdown(output.get(), SHUT_RD);
+    for (std::thread& reader : readers) reader.join();
+}
+
+std::string ChildProcess::DescribeEnd(int wait_status) {
+    if (WIFSIGNALED(wait_status)) return SignalName(WTERMSIG(wait_status));
+    return "exit status " + std::to_string(WEXITSTATUS(wait_status));
+}
+
+}  // namespace velmar_sim

@@ -1,0 +1,66 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "android-base/unique_fd.h"
+
+namespace velmar_sim {
+
+// How to start a program.
+struct Launch {
+    std::string executable;
+    // Its name and its arguments.
+    std::vector<std::string> arguments;
+    // NAME=VALUE; takes the place of an inherited variable.
+    std::string variable;
+    mode_t umask = 0077;
+};
+
+// A program that runs beside this one and dies with it. Operations belong to the thread that
+// started it, which must be the main thread: the kernel ends the program when that thread ends.
+class ChildProcess {
+  public:
+    // Gets the bytes of one write of the program; the empty string at the end. Called on a thread
+    // of its own for each of the two outputs.
+    using OutputReader = std::function<void(const std::string&)>;
+
+    // Starts the program. Throws std::runtime_error when it cannot be run.
+    ChildProcess(const Launch& launch, OutputReader output, OutputReader errors);
+    // Kills what still runs.
+    ~ChildProcess();
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+
+    // Whether the program has not ended yet. After its end all that it wrote has been read.
+    bool IsRunning();
+
+    // How it ended, as wait gives it. Only after the end.
+    int wait_status() const { return status; }
+
+    // Sends a signal; only while it runs.
+    void Signal(int number) const;
+
+    // Ends the program at once and waits for its end.
+    void Kill();
+
+    // "exit status 1" or "SIGSEGV".
+    static std::string DescribeEnd(int wait_status);
+
+  private:
+    void StartReader(android::base::unique_fd output, OutputReader reader);
+    void ReadToEnd();
+
+    pid_t pid = -1;
+    int status = 0;
+    bool running = false;
+    std::vector<android::base::unique_fd> outputs;
+    std::vector<std::thread> readers;
+};
+
+}  // namespace velmar_sim

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <string>
+
+#include "google/protobuf/message.h"
+
+// Messages in the short form that people read. Any thread.
+namespace velmar_sim {
+
+// One line: type, payload, token, result, size and the payload's fields, long ones cut. Bytes that
+// are no VelmarMessage are given in hexadecimal.
+std::string DescribeMessage(const std::string& bytes);
+
+// `message` in one line of text form, without the outer braces, long fields cut.
+std::string ShortText(const google::protobuf::Message& message);
+
+// `bytes` in quotes, with escapes, cut after 64 bytes with the length behind.
+std::string QuoteBytes(const std::string& bytes);
+
+// `bytes` in hexadecimal, cut after 64 bytes.
+std::string HexBytes(const std::string& bytes);
+
+}  // namespace velmar_sim

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "sim/tool/scenario.pb.h"
+
+namespace velmar_sim {
+
+// A scenario that can be played: every step has an action, and every name and pattern in it is one.
+struct ScenarioFile {
+    std::string path;
+    Scenario scenario;
+    // For each step the line that it begins in.
+    std::vector<int> step_lines;
+};
+
+// A scenario that cannot be played. The text has a line "FILE:LINE: what was expected" for each
+// fault.
+class BadScenario : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+// Reads a scenario in text form. `path` names it in messages. Throws BadScenario. Any thread.
+ScenarioFile ParseScenario(const std::string& path, const std::string& text);
+
+// The same from the file `path`.
+ScenarioFile ReadScenario(const std::string& path);
+
+}  // namespace velmar_sim
