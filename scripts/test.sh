@@ -1,0 +1,36 @@
+#!/usr/bin/env bash
+# Builds everything and runs every test. Ends with ctest's summary.
+# Usage: scripts/test.sh [--all]
+#   --all  also checks format and lint, and runs the tests again under sanitizers
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+if [ $# -gt 1 ] || { [ $# -eq 1 ] && [ "$1" != --all ]; }; then
+    echo "test.sh: unexpected arguments '$*': expected nothing or '--all'" >&2
+    exit 2
+fi
+
+build() {
+    echo "test.sh: building preset $1"
+    cmake --preset "$1" >/dev/null
+    cmake --build --preset "$1" -- --quiet
+}
+
+# Most of the tests wait rather than compute.
+run_tests() {
+    ctest --preset "$1" --parallel "$(($(nproc) * 4))"
+}
+
+if [ $# -eq 0 ]; then
+    scripts/setup.sh build
+    build release
+    run_tests release
+    exit
+fi
+
+scripts/setup.sh all
+build release
+run_tests release
+build asan
+scripts/lint.sh build/asan
+run_tests asan
