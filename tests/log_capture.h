@@ -2,8 +2,10 @@
 
 #include <android/log.h>
 
+#include <chrono>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 // Collects what the process logs while it lives, each line as its priority's letter, a blank and
@@ -31,6 +33,15 @@ class LogCapture {
         int count = 0;
         for (const std::string& logged : Lines()) count += logged == line ? 1 : 0;
         return count;
+    }
+
+    // Whether `line` comes, or has come, within ten seconds.
+    bool WaitFor(const std::string& line) const {
+        for (int i = 0; i < 10000; ++i) {
+            if (Count(line) > 0) return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        return false;
     }
 
   private:

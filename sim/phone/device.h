@@ -13,7 +13,7 @@
 //
 // Marks of descriptors are kept for dup and its relatives and dropped by every libc call that
 // closes. Not seen: epoll, which reports a boot device's changes for as long as they are unread;
-// and what stdio writes to a device opened as a stream, which may raise SIGPIPE.
+// and what stdio does with a device opened as a stream, which gets the socket's own errors.
 namespace velmar_phone {
 
 // What a short write has taken so far, until the rest follows.
@@ -47,10 +47,11 @@ inline void DropDeviceMark(int fd) {
     if (fd >= 0) DropDeviceMarks(static_cast<unsigned>(fd), static_cast<unsigned>(fd));
 }
 
-// Writes one packet to a device, as write(2). A driver does not raise SIGPIPE: a modem that is gone
-// gives EIO. A fault that makes a write short keeps the bytes taken; a following write of exactly
-// the bytes that are missing completes the packet, any other begins a new one and what was kept is
-// lost, as half a message is no message. Any thread, signal handlers included.
+// Writes one packet to a device, as write(2), from at most 15 parts. A driver does not raise
+// SIGPIPE: a modem that is gone gives EIO. A fault that makes a write short keeps the bytes taken;
+// a following write of exactly the bytes that are missing completes the packet, any other begins a
+// new one and what was kept is lost, as half a message is no message. Any thread, signal handlers
+// included.
 ssize_t WriteDevice(Device* device, int fd, const iovec* parts, int count);
 
 // Takes one packet off a boot device that was found readable, so that each change of the modem's

@@ -1,0 +1,525 @@
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "sim/modem/phone_folder.h"
+#include "sim/modem/simulated_modem.h"
+#include "sim/tool/child_process.h"
+#include "sim/tool/log_stream.h"
+#include "sim/tool/scenario_reader.h"
+
+using std::chrono::milliseconds;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using velmar_message::VelmarMessage;
+using velmar_sim::AnswerPolicy;
+
+namespace {
+
+constexpr milliseconds kSoon{10000};
+constexpr milliseconds kAtOnce{0};
+
+// A folder that goes with the test.
+class TemporaryFolder {
+  public:
+    TemporaryFolder() : path(velmar_sim::PhoneFolder::MakeFresh()) {}
+    ~TemporaryFolder() { std::filesystem::remove_all(path); }
+
+    std::vector<std::string> Entries() const {
+        std::vector<std::string> names;
+        for (const auto& entry : std::filesystem::directory_iterator(path)) {
+            names.push_back(entry.path().filename());
+        }
+        return names;
+    }
+
+    const std::string path;
+};
+
+// ---- The scenario reader ----
+
+TEST(ScenarioReader, BadScenariosAreNamedByFileAndLine) {
+    struct Case {
+        const char* text;
+        const char* message;
+    };
+    const Case cases[] = {
+            {"step { runing {} }",
+             "f:1:15: Message type \"velmar_sim.Step\" has no field named \"runing\"."},
+            {"step {\n  send { type: REQUEST }\n", "f:3:1: Expected identifier, got: "},
+            {"description: \"d\"", "f:1: scenario: expected at least one step"},
+            {"\nstep {}", "f:2: step: expected an action such as send, expect or log"},
+            {"phone {\n\n  file { path: \"a\" }\n}\nstep { running {} }",
+             "f:3: file: expected an absolute path without \"..\", found \"a\""},
+            {"phone { missing: \"/data/../etc\" } step { running {} }",
+             "f:1: missing: expected an absolute path without \"..\", found \"/data/../etc\""},
+            {"phone { umask: \"88\" } step { running {} }",
+             "f:1: umask: expected permissions in octal such as \"0644\", found \"88\""},
+            {"step { signal: \"USR1\" }",
+             "f:1: signal: expected a signal such as \"SIGUSR1\", found \"USR1\""},
+            {"step { exit {} }", "f:1: exit: expected status or signal"},
+            {"step { log {} }", "f:1: log: expected text or matching"},
+            {"step { log { text: \"a\" priority: \"8\" } }",
+             "f:1: log: expected a priority such as \"I\" or \"4\", found \"8\""},
+            {"step { log { text: \"a\" for_ms: 5 } }", "f:1: log: expected for_ms in no_log only"},
+            {"step { file { path: \"/a\" content: \"\" missing: true } }",
+             "f:1: file: expected one of content, matching and missing"},
+            {"step { file { path: \"/a\" } }",
+             "f:1: file: expected content, matching, missing or mode"},
+            {"step { property { name: \"a\" } }", "f:1: property: expected value or unset"},
+            {"step { fault { call: \"fork\" path: \"/a\" error: \"EIO\" } }",
+             "f:1: fault: expected a call such as \"read\", found \"fork\""},
+            {"step { fault { call: \"read\" path: \"/a\" error: \"EFOO\" } }",
+             "f:1: fault: expected an error such as \"EIO\", found \"EFOO\""},
+            {"step { fault { call: \"read\" path: \"/a\" error: \"EIO\" length: 1 } }",
+             "f:1: fault: expected error or length"},
+            {"step { answer { payload: \"token\" } }",
+             "f:1: answer: expected a payload such as \"modem_stat_message\", found \"token\""},
+            {"step { send {} any_token: true }",
+             "f:1: send: any_token: expected an expect with it"},
+            {"step {}\nstep { exit {} }",
+             "f:1: step: expected an action such as send, expect or log\n"
+             "f:2: exit: expected status or signal"},
+    };
+    for (const Case& bad : cases) {
+        SCOPED_TRACE(bad.text);
+        try {
+            velmar_sim::ParseScenario("f", bad.text);
+            ADD_FAILURE() << "no fault was found";
+        } catch (const velmar_sim::BadScenario& error) {
+            EXPECT_STREQ(error.what(), bad.message);
+        }
+    }
+    EXPECT_THROW(velmar_sim::ParseScenario("f", "step { log { matching: \"(\" } }"),
+                 velmar_sim::BadScenario);
+}
+
+TEST(LogCutter, TellsTheLogFromOtherOutput) {
+    velmar_sim::LogCutter cutter("stderr");
+    std::vector<std::string> lines;
+    const auto cut = [&](const std::string& written) {
+        for (const auto& line : cutter.Cut(written)) {
+            lines.push_back(std::string(1, line.priority) + line.tag + "|" + line.text);
+        }
+    };
+    cut("velmar I 11-21 03:15:47  3958  3958 two\nlines\n");
+    cut("velmar: unknown ");
+    cut("a b E 01-01 00:00:00 1 1 \n");
+    cut("option\nand E more\n");
+    cut("rest");
+    EXPECT_THAT(lines, ElementsAre("Ivelmar|two\nlines", "Ea b|", " stderr|velmar: unknown option",
+                                   " stderr|and E more"));
+    EXPECT_EQ(cutter.Finish().at(0).text, "rest");
+}
+
+// ---- The modem ----
+
+// The service's side of a device, without a service.
+class Opener {
+  public:
+    Opener(const velmar_sim::PhoneFolder& folder, const std::string& name) {
+        const std::string directory = folder.HostPath("/dev");
+        const android::base::unique_fd at(open(directory.c_str(), O_PATH | O_CLOEXEC));
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        const std::string path = "/proc/self/fd/" + std::to_string(at.get()) + "/" + name;
+        memcpy(address.sun_path, path.c_str(), path.size() + 1);
+        fd.reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+        const timeval limit = {10, 0};
+        setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+        EXPECT_EQ(connect(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    }
+
+    // One message; "-" when there is none right now or the modem is gone.
+    std::string Read(int flags = 0) const {
+        std::string buffer(200000, '\0');
+        const ssize_t size = recv(fd.get(), buffer.data(), buffer.size(), flags);
+        return size < 0 ? "-" : buffer.substr(0, static_cast<size_t>(size));
+    }
+
+    VelmarMessage ReadMessage() const {
+        VelmarMessage message;
+        EXPECT_TRUE(message.ParseFromString(Read()));
+        return message;
+    }
+
+    void Write(const std::string& bytes) const {
+        EXPECT_EQ(send(fd.get(), bytes.data(), bytes.size(), 0),
+                  static_cast<ssize_t>(bytes.size()));
+    }
+
+    void Close() { fd.reset(); }
+
+  private:
+    android::base::unique_fd fd;
+};
+
+class ModemTest : public testing::Test {
+  protected:
+    ~ModemTest() override { folder.RemoveTree(); }
+
+    static std::string Request(uint32_t token) {
+        VelmarMessage message;
+        message.set_type(velmar_message::REQUEST);
+        message.set_token(token);
+        message.mutable_extended_log_message()->mutable_request();
+        return message.SerializeAsString();
+    }
+
+    velmar_sim::PhoneFolder folder;
+    velmar_sim::SimulatedModem modem{folder};
+};
+
+TEST_F(ModemTest, SendingNeedsAnOpenChannel) {
+    EXPECT_THROW(modem.SendBytes("x"), std::runtime_error);
+    EXPECT_FALSE(modem.WaitForChannel(kAtOnce));
+    const Opener first(folder, "oem_ipc1");
+    EXPECT_TRUE(modem.WaitForChannel(kAtOnce));
+    modem.SendBytes("for the first");
+    EXPECT_EQ(first.Read(), "for the first");
+
+    const Opener second(folder, "oem_ipc1");
+    modem.SendBytes("for the second");
+    EXPECT_EQ(second.Read(), "for the second");
+    EXPECT_EQ(first.Read(MSG_DONTWAIT), "-");
+    first.Write("both are heard");
+    EXPECT_EQ(modem.Receive(kSoon)->bytes, "both are heard");
+
+    modem.SendEndOfFile();
+    EXPECT_EQ(second.Read(), "");
+    EXPECT_FALSE(modem.WaitForChannel(kAtOnce));
+    EXPECT_THROW(modem.SendBytes("x"), std::runtime_error);
+    const Opener third(folder, "oem_ipc1");
+    modem.SendBytes("for the third");
+    EXPECT_EQ(third.Read(), "for the third");
+
+    modem.HangUp();
+    EXPECT_EQ(third.Read(), "");
+    EXPECT_FALSE(modem.WaitForChannel(kAtOnce));
+    Opener fourth(folder, "oem_ipc1");
+    EXPECT_TRUE(modem.WaitForChannel(kAtOnce));
+    fourth.Close();
+    EXPECT_FALSE(modem.WaitForChannel(kAtOnce));
+}
+
+TEST_F(ModemTest, MessagesOfEverySizeKeepTheirBorders) {
+    const Opener opener(folder, "oem_ipc1");
+    for (const size_t size : {1, 65568, 131072}) {
+        modem.SendBytes(std::string(size, 'm'));
+        modem.SendBytes("next");
+        EXPECT_EQ(opener.Read().size(), size);
+        EXPECT_EQ(opener.Read(), "next");
+        opener.Write(std::string(size, 'p'));
+        opener.Write("next");
+        EXPECT_EQ(modem.Receive(kSoon)->bytes.size(), size);
+        EXPECT_EQ(modem.Receive(kSoon)->bytes, "next");
+    }
+    EXPECT_FALSE(modem.Receive(kAtOnce).has_value());
+}
+
+TEST_F(ModemTest, AnswersAsItIsTold) {
+    const Opener opener(folder, "oem_ipc1");
+    // Nothing is answered without a policy.
+    opener.Write(Request(1));
+    EXPECT_TRUE(modem.Receive(kSoon)->message.has_extended_log_message());
+
+    AnswerPolicy slow;
+    slow.delay = milliseconds(300);
+    slow.result = velmar_message::FAILURE;
+    modem.SetAnswerPolicy(slow, VelmarMessage::kExtendedLogMessage);
+    const auto asked = velmar_sim::Clock::now();
+    opener.Write(Request(2));
+    EXPECT_TRUE(modem.Receive(milliseconds(250)).has_value());
+    EXPECT_EQ(opener.ReadMessage().ShortDebugString(), "type: RESPONSE token: 2 result: FAILURE");
+    EXPECT_GE(velmar_sim::Clock::now() - asked, slow.delay);
+
+    // A policy for all takes the place of that for one payload.
+    AnswerPolicy odd;
+    odd.delay = milliseconds(0);
+    odd.result = std::nullopt;
+    odd.copies = 2;
+    odd.unknown_token_first = true;
+    modem.SetAnswerPolicy(odd);
+    opener.Write(Request(3));
+    EXPECT_NE(opener.ReadMessage().token(), 3U);
+    EXPECT_EQ(opener.ReadMessage().ShortDebugString(), "type: RESPONSE token: 3");
+    EXPECT_EQ(opener.ReadMessage().ShortDebugString(), "type: RESPONSE token: 3");
+
+    odd.answer = false;
+    modem.SetAnswerPolicy(odd, VelmarMessage::kExtendedLogMessage);
+    opener.Write(Request(4));
+    VelmarMessage other;
+    other.set_type(velmar_message::REQUEST);
+    other.set_token(5);
+    opener.Write(other.SerializeAsString());
+    opener.ReadMessage();
+    EXPECT_EQ(opener.ReadMessage().token(), 5U);
+}
+
+TEST_F(ModemTest, StateChangesWakeWhoeverHasTheBootDeviceOpen) {
+    const Opener early(folder, "umts_boot0");
+    modem.SetState(4);
+    const std::string page = folder.ReadFile(velmar_phone::kStateFile).value();
+    EXPECT_EQ(page.at(0), 4);
+    EXPECT_EQ(early.Read().size(), 1U);
+    EXPECT_EQ(early.Read(MSG_DONTWAIT), "-");
+    const Opener late(folder, "umts_boot0");
+    EXPECT_EQ(late.Read(MSG_DONTWAIT), "-");
+    modem.SetState(-1);
+    EXPECT_EQ(early.Read().size(), 1U);
+    EXPECT_EQ(late.Read().size(), 1U);
+}
+
+TEST_F(ModemTest, FaultsFillTheFreeSlots) {
+    const auto state = [&] {
+        const std::string page = folder.ReadFile(velmar_phone::kStateFile).value();
+        velmar_phone::PhoneState copy;
+        memcpy(static_cast<void*>(&copy), page.data(), sizeof(copy));
+        return std::make_pair(copy.fault_count.load(), copy.faults[0].remaining.load());
+    };
+    velmar_sim::FaultRule rule = {"read", "/dev/oem_ipc1", EIO, 0, 3, 1};
+    for (int i = 0; i < velmar_phone::kMaxFaults; ++i) modem.AddFault(rule);
+    EXPECT_EQ(state(), std::make_pair(velmar_phone::kMaxFaults, 3));
+    EXPECT_THROW(modem.AddFault(rule), std::runtime_error);
+    modem.ClearFaults();
+    EXPECT_EQ(state(), std::make_pair(0, 0));
+    modem.AddFault(rule);
+    EXPECT_EQ(state(), std::make_pair(1, 3));
+    rule.path = std::string(300, 'x');
+    EXPECT_THROW(modem.AddFault(rule), std::runtime_error);
+}
+
+TEST(PhoneFolder, HasLongNamesAndModesWhateverTheUmask) {
+    const TemporaryFolder above;
+    const std::string long_name = above.path + "/" + std::string(150, 'n');
+    const mode_t before = umask(0777);
+    const velmar_sim::PhoneFolder folder(long_name);
+    folder.WriteFile("/data/new/file", "text", 0640);
+    umask(before);
+    EXPECT_EQ(folder.Mode("/data/vendor/radio/modem_temp_file"), 0770);
+    EXPECT_EQ(folder.Mode("/data/new/file"), 0640);
+    EXPECT_THROW(folder.ReadFile("/data/../../escape"), std::runtime_error);
+
+    velmar_sim::SimulatedModem modem(folder);
+    const Opener opener(folder, "oem_ipc1");
+    EXPECT_TRUE(modem.WaitForChannel(kSoon));
+}
+
+// ---- The program ----
+
+// One run of velmar_sim with its own folder for temporary files.
+class ToolTest : public testing::Test {
+  protected:
+    void Start(const std::string& scenario, std::vector<std::string> options) {
+        text.clear();
+        const std::string file = scratch.path + "/s.textproto";
+        std::ofstream(file) << scenario;
+        options.insert(options.begin(), {"velmar_sim", "run", file});
+        velmar_sim::Launch launch;
+        launch.executable = VELMAR_SIM_PATH;
+        launch.arguments = std::move(options);
+        launch.variable = "TMPDIR=" + temporary.path;
+        const auto gather = [this](const std::string& written) {
+            const std::lock_guard<std::mutex> guard(lock);
+            text += written;
+        };
+        tool = std::make_unique<velmar_sim::ChildProcess>(launch, gather, gather);
+    }
+
+    // Waits for the end of the program.
+    void Finish() {
+        while (tool->IsRunning()) std::this_thread::sleep_for(milliseconds(2));
+    }
+
+    void Run(const std::string& scenario, std::vector<std::string> options) {
+        Start(scenario, std::move(options));
+        Finish();
+    }
+
+    bool AwaitOutput(const std::string& part) {
+        const auto limit = velmar_sim::Clock::now() + kSoon;
+        while (velmar_sim::Clock::now() < limit) {
+            if (Output().find(part) != std::string::npos) return true;
+            std::this_thread::sleep_for(milliseconds(2));
+        }
+        return false;
+    }
+
+    // All that was written, with the scenario's file named "s".
+    std::string Output() {
+        const std::lock_guard<std::mutex> guard(lock);
+        std::string shown = text;
+        const std::string file = scratch.path + "/s.textproto";
+        for (size_t at = shown.find(file); at != std::string::npos; at = shown.find(file)) {
+            shown.replace(at, file.size(), "s");
+        }
+        return shown;
+    }
+
+    int ExitStatus() const { return WEXITSTATUS(tool->wait_status()); }
+
+    TemporaryFolder scratch;
+    TemporaryFolder temporary;
+    std::unique_ptr<velmar_sim::ChildProcess> tool;
+
+  private:
+    std::mutex lock;
+    std::string text;
+};
+
+// A phone whose service is a line of shell.
+std::string ShellPhone(const std::string& line) {
+    return "phone { argument: '-c' argument: '" + line + "' }\n";
+}
+
+TEST_F(ToolTest, VerdictsAndExitStatuses) {
+    struct Case {
+        std::string scenario;
+        int status;
+        std::vector<std::string> output;
+    };
+    const std::string log_line = "echo \"velmar E 01-02 03:04:05  1  2 one\" >&2";
+    const Case cases[] = {
+            {"step { running {}", 2, {"s:1:18: Expected identifier"}},
+            {ShellPhone("exit 3") + "step { exit { status: 3 } }",
+             0,
+             {"PASS s\n", "PASSED: 1 scenarios, 1 steps\n"}},
+            {ShellPhone("exit 3") + "\nstep { exit { signal: 'SIGKILL' } }",
+             1,
+             {"s:3: velmar ended otherwise\n  expected: SIGKILL\n  actual:   exit status 3\n",
+              "FAIL s\n", "FAILED: 1 of 1 scenarios\n"}},
+            {ShellPhone("kill -9 $$") + "step { pause_ms: 9000 }",
+             1,
+             {"s:2: velmar ended unexpectedly: SIGKILL"}},
+            {ShellPhone(log_line + "; sleep 60") + "step { log { text: 'two' } within_ms: 99 }",
+             1,
+             {"s:2: no such log line came within 99 ms\n  expected: velmar: two",
+              "last log lines:\n    E velmar: one"}},
+            {ShellPhone(log_line + "; sleep 60") + "step { log { text: 'one' priority: '6' } }\n"
+                                                   "step { no_log { text: 'one' } }\n"
+                                                   "step { log { text: 'one' anywhere: true } "
+                                                   "}\nstep { log { text: 'one' } within_ms: 9 }",
+             1,
+             {"s:5: no such log line"}},
+            {ShellPhone(log_line + "; sleep 60") +
+                     "step { no_log { matching: 'o.e' for_ms: 9000 } }",
+             1,
+             {"s:2: such a log line came: velmar: /o.e/"}},
+            {ShellPhone("echo \"x.cpp:1:2: runtime error: y\" >&2") + "step { exit { status: 0 } }",
+             1,
+             {"a sanitizer reported a fault of velmar"}},
+            {"phone { no_server: true }\nstep { client { argument: '-c' argument: 'echo $0; exit "
+             "2' "
+             "exit_status: 2 output: 'velmar' } }",
+             1,
+             {"s:2: the run wrote something else\n  expected: \"velmar\"\n  actual:   "
+              "\"velmar\\n\""}},
+            {"phone { no_server: true property { name: 'p' value: 'v' } }\n"
+             "step { property { name: 'p' unset: true } within_ms: 9 }",
+             1,
+             {"s:2: property p differs\n  expected: unset\n  actual:   \"v\"\n"}},
+            {"phone { no_server: true }\nstep { write_file { path: '/data/f' content: 'abc' } }\n"
+             "step { file { path: '/data/f' content: 'abc' mode: '0644' } }\n"
+             "step { file { path: '/data/f' content: 'abX' } within_ms: 9 }",
+             1,
+             {"s:4: /data/f has other content, from byte 2 on\n  expected: \"abX\"\n  actual:   "
+              "\"abc\"\n"}},
+            {"phone { no_server: true }\nstep { send_bytes: 'x' within_ms: 9 }",
+             1,
+             {"s:2: velmar has not opened the channel within 9 ms"}},
+            {"phone { no_server: true }\nstep { running {} }", 1, {"s:2: velmar does not run"}},
+    };
+    for (const Case& run : cases) {
+        SCOPED_TRACE(run.scenario);
+        Run(run.scenario, {"--velmar", "/bin/sh"});
+        EXPECT_EQ(ExitStatus(), run.status);
+        for (const std::string& part : run.output) EXPECT_THAT(Output(), HasSubstr(part));
+        EXPECT_THAT(temporary.Entries(), IsEmpty());
+    }
+}
+
+TEST_F(ToolTest, BadUsageIsRefused) {
+    const std::vector<std::vector<std::string>> cases = {
+            {"--velmar", "/nonexistent"}, {"--time-factor", "0"}, {"--unknown"}, {"/nonexistent"}};
+    for (const auto& options : cases) {
+        SCOPED_TRACE(options.front());
+        Run("step { running {} }", options);
+        EXPECT_EQ(ExitStatus(), 2);
+        EXPECT_THAT(Output(), HasSubstr(options.front()));
+    }
+}
+
+TEST_F(ToolTest, ADifferingMessageIsShownFieldByField) {
+    const std::string scenario =
+            "phone { modem_state: 4 property { name: 'ro.a' value: 'b' } }\n"
+            "step { send { type: REQUEST token: 7 property_message { read_request { name: 'ro.a' "
+            "} } } }\n"
+            "step { expect { type: RESPONSE message_id: 7 token: 7 result: SUCCESS\n"
+            "  property_message { read_response { value: 'c' } } } }\n";
+    Run(scenario, {"--velmar", VELMAR_PATH, "--time-factor", "4"});
+    EXPECT_EQ(ExitStatus(), 1);
+    EXPECT_THAT(Output(), HasSubstr("s:3: the message differs"));
+    EXPECT_THAT(Output(), HasSubstr("property_message.read_response.value: \"c\" -> \"b\""));
+    EXPECT_THAT(Output(), HasSubstr("modem -> velmar  REQUEST token=7 (14 bytes) "
+                                    "property_message.read_request { name: \"ro.a\" }"));
+    Run(scenario, {"--velmar", VELMAR_PATH, "--quiet"});
+    EXPECT_THAT(Output(), HasSubstr("s:3: the message differs"));
+}
+
+TEST_F(ToolTest, QuietRunsShowVerdictsOnly) {
+    Run(ShellPhone("exit 0") + "step { say: 'heading' } step { exit { status: 0 } }",
+        {"--velmar", "/bin/sh", "--quiet"});
+    EXPECT_EQ(Output(), "PASS s\nPASSED: 1 scenarios, 2 steps\n");
+}
+
+TEST_F(ToolTest, AKeptFolderIsNamed) {
+    Run("phone { no_server: true } step { write_file { path: '/data/f' content: 'abc' } }",
+        {"--keep", "--velmar", "/bin/sh"});
+    ASSERT_EQ(temporary.Entries().size(), 1U);
+    const std::string kept = temporary.path + "/" + temporary.Entries().front();
+    EXPECT_THAT(Output(), HasSubstr("folder " + kept + "\n"));
+    EXPECT_EQ(std::filesystem::file_size(kept + "/data/f"), 3U);
+}
+
+TEST_F(ToolTest, AKilledRunLeavesNothingBehind) {
+    // What loses its parent becomes a child of this process, so none can be overlooked.
+    ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
+    // The service has a process of its own, which the service's end alone does not end.
+    const std::string scenario = ShellPhone("sleep 600 & echo started; wait") +
+                                 "step { log { tag: 'stdout' text: 'started' } }\n"
+                                 "step { say: 'waiting' }\nstep { pause_ms: 600000 }";
+    for (const int number : {SIGKILL, SIGTERM, SIGINT}) {
+        SCOPED_TRACE(number);
+        Start(scenario, {"--velmar", "/bin/sh"});
+        ASSERT_TRUE(AwaitOutput("waiting")) << Output();
+        EXPECT_THAT(temporary.Entries(), Not(IsEmpty()));
+        tool->Signal(number);
+        Finish();
+        EXPECT_TRUE(WIFSIGNALED(tool->wait_status()));
+        while (waitpid(-1, nullptr, 0) > 0) {
+        }
+        EXPECT_EQ(errno, ECHILD);
+        EXPECT_THAT(temporary.Entries(), IsEmpty());
+        tool.reset();
+    }
+}
+
+}  // namespace
