@@ -33,8 +33,8 @@ class MessageHandlerTest : public PhoneTestCase {
         EXPECT_EQ(handler.Start(), kStatusSuccess);
         EXPECT_TRUE(modem.WaitForChannel(milliseconds(5000)));
     }
-    // The reader ends when it cannot wait for the channel; it gets there once it is woken. It has to
-    // be done with the handler before that goes.
+    // The reader ends when it cannot wait for the channel; it gets there once it is woken. It has
+    // to be done with the handler before that goes.
     ~MessageHandlerTest() override {
         modem.AddFault({"select", "/dev/oem_ipc1", EBADF});
         modem.SendBytes(Encode("type: RESPONSE"));

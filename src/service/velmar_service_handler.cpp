@@ -16,6 +16,12 @@ int VelmarServiceHandler::OnReceiveRequest(SitMessage* message) {
     if (message == nullptr || !message->IsRequest()) return kStatusInvalid;
     int id = message->GetMessageId() & 0xFFFF;
     switch (id) {
+        case VelmarMessage::kModemTemperatureMessage:
+            __android_log_print(ANDROID_LOG_INFO, kLogTag, "Got modem temperature request");
+            return OnReceiveModemTemperatureRequest(message);
+        case VelmarMessage::kFileMessage:
+            __android_log_print(ANDROID_LOG_INFO, kLogTag, "Got File write request");
+            return OnReceiveFileWriteRequest(message);
         case VelmarMessage::kPropertyMessage:
             __android_log_print(ANDROID_LOG_INFO, kLogTag, "Get property request");
             return OnReceivePropertyRequest(message);
@@ -29,9 +35,15 @@ int VelmarServiceHandler::OnReceiveRequest(SitMessage* message) {
 int VelmarServiceHandler::OnReceiveIndication(SitMessage* message) {
     if (message == nullptr || !message->IsIndication()) return kStatusInvalid;
     int id = message->GetMessageId() & 0xFFFF;
-    __android_log_print(ANDROID_LOG_ERROR, kLogTag, "IndicationHandler: Unsupported message id %d",
-                        id);
-    return kStatusUnsupported;
+    switch (id) {
+        case VelmarMessage::kFileMessage:
+            __android_log_print(ANDROID_LOG_INFO, kLogTag, "Got File write indication");
+            return OnReceiveFileWriteIndication(message);
+        default:
+            __android_log_print(ANDROID_LOG_ERROR, kLogTag,
+                                "IndicationHandler: Unsupported message id %d", id);
+            return kStatusUnsupported;
+    }
 }
 
 int VelmarServiceHandler::SendServiceRequest(unsigned int command) {

@@ -39,6 +39,19 @@ class VelmarServiceHandler {
     // number that is none. Any thread but the IO thread.
     int SendServiceRequest(unsigned int command);
 
+    // Passes the modem's temperature readings to the thermal driver and answers. Returns 2 for what
+    // is no set request, unanswered, else the status of sending the answer. IO thread only.
+    int OnReceiveModemTemperatureRequest(SitMessage* request);
+
+    // Stores one chunk of a file and answers. Returns 2 for what is no well-formed request,
+    // unanswered; 8 when the chunk could not be stored, as the answer says; else the status of
+    // sending the answer. IO thread only.
+    int OnReceiveFileWriteRequest(SitMessage* request);
+
+    // Stores one chunk of a file. Returns 0, 2 for what is no well-formed indication, 8 when the
+    // chunk could not be stored. IO thread only.
+    int OnReceiveFileWriteIndication(SitMessage* indication);
+
     // Reads or sets a system property and answers. Returns 2 for what is neither, unanswered, else
     // the status of sending the answer. IO thread only.
     int OnReceivePropertyRequest(SitMessage* request);

@@ -1,0 +1,171 @@
+#include "service/file_chunk.h"
+
+#include <android-base/file.h>
+#include <android-base/unique_fd.h>
+#include <android/log.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/sendfile.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <memory>
+
+#include "message/log_tag.h"
+#include "service/velmar_file_directory.h"
+
+using android::base::unique_fd;
+using android::base::WriteFully;
+
+namespace {
+
+constexpr char kTempDirectory[] = "/data/vendor/radio/modem_temp_file/";
+constexpr mode_t kTempMode = 0664;
+constexpr mode_t kTargetMode = 0666;
+
+// Of one sendfile, and of the copy where sendfile does not work.
+constexpr size_t kSendfileBytes = size_t{1} << 30;
+constexpr size_t kCopyBufferBytes = size_t{64} << 10;
+
+constexpr FileChunkOutcome kStored = {true, velmar_message::FILE_RESULT_DEFAULT};
+constexpr FileChunkOutcome kFailed = {false, velmar_message::FILE_RESULT_DEFAULT};
+constexpr FileChunkOutcome kBadDirectory = {false, velmar_message::FILE_RESULT_BAD_DIRECTORY};
+constexpr FileChunkOutcome kBadOffset = {false, velmar_message::FILE_RESULT_BAD_OFFSET};
+
+// Holds the process's umask at 0 for the length of a scope.
+class OpenUmask {
+  public:
+    OpenUmask() : saved(umask(0)) {}
+    ~OpenUmask() { umask(saved); }
+
+    OpenUmask(const OpenUmask&) = delete;
+    OpenUmask& operator=(const OpenUmask&) = delete;
+
+  private:
+    mode_t saved;
+};
+
+void CopyThroughBuffer(int from, int to) {
+    std::unique_ptr<char[]> buffer(new char[kCopyBufferBytes]);
+    while (true) {
+        ssize_t count = TEMP_FAILURE_RETRY(read(from, buffer.get(), kCopyBufferBytes));
+        if (count < 1 || !WriteFully(to, buffer.get(), count)) return;
+    }
+}
+
+// Copies the rest of a file inside the kernel, where the file systems can do that.
+void CopyFile(int from, int to) {
+    ssize_t count;
+    do {
+        count = TEMP_FAILURE_RETRY(sendfile(to, from, nullptr, kSendfileBytes));
+    } while (count > 0);
+    if (count < 0 && (errno == EINVAL || errno == ENOSYS)) CopyThroughBuffer(from, to);
+}
+
+// Whether a chunk at `offset` may be appended to the temporary file.
+bool MatchesTempFile(const std::string& temp_path, uint32_t offset) {
+    if (offset == 0) {
+        unlink(temp_path.c_str());
+        return true;
+    }
+    struct stat status;
+    // A file that is missing is deliberately begun in the middle.
+    if (stat(temp_path.c_str(), &status) != 0 || status.st_size == offset) return true;
+    __android_log_print(ANDROID_LOG_ERROR, kLogTag,
+                        "Bad offset 0x%X comparing to the expected one: 0x%lX", offset,
+                        static_cast<unsigned long>(status.st_size));
+    return false;
+}
+
+bool AppendToTempFile(const std::string& temp_path, const std::string& data,
+                      const FileChunkLines& lines) {
+    unique_fd temp(open(temp_path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, kTempMode));
+    if (!temp.ok()) {
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag, lines.open_failed, temp_path.c_str());
+        return false;
+    }
+    __android_log_print(ANDROID_LOG_INFO, kLogTag, "size: 0x%lX",
+                        static_cast<unsigned long>(data.size()));
+    if (!WriteFully(temp, data.data(), data.size())) {
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Failed to write temp file correctly");
+        return false;
+    }
+    temp.reset();
+    // The umask may have taken bits away.
+    chmod(temp_path.c_str(), kTempMode);
+    return true;
+}
+
+bool CopyToTarget(const std::string& temp_path, const std::string& target_path) {
+    unique_fd temp(open(temp_path.c_str(), O_RDONLY | O_CLOEXEC));
+    unique_fd target(
+            open(target_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kTargetMode));
+    if (!temp.ok() || !target.ok()) {
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "File transfer failed.");
+        return false;
+    }
+    CopyFile(temp, target);
+    return true;
+}
+
+// Copies the temporary file into its target and deletes it, whatever the copy gave.
+bool ReplaceTarget(const std::string& temp_path, const std::string& prefix,
+                   const std::string& target_path) {
+    unlink(target_path.c_str());
+    OpenUmask open_umask;
+    struct stat status;
+    if (stat(prefix.c_str(), &status) != 0) {
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag,
+                            "File/path %s does not exist or permission denied.", prefix.c_str());
+        return false;
+    }
+    bool copied = CopyToTarget(temp_path, target_path);
+    unlink(temp_path.c_str());
+    chmod(target_path.c_str(), kTargetMode);
+    return copied;
+}
+
+}  // namespace
+
+FileChunkOutcome StoreFileChunk(const FileChunk& chunk, const FileChunkLines& lines) {
+    if (chunk.file_dir != velmar_message::FILE_DIRECTORY_MDS &&
+        chunk.file_dir != velmar_message::FILE_DIRECTORY_REPLAY) {
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Bad file directory: %d", chunk.file_dir);
+        return kBadDirectory;
+    }
+    const std::string prefix = VelmarFileDirectoryTable::FindDirectoryFromId(chunk.file_dir);
+    const std::string target_path = prefix + *chunk.file_name;
+    const std::string temp_path = kTempDirectory + *chunk.file_name;
+    __android_log_print(ANDROID_LOG_INFO, kLogTag, "offset: 0x%X, size: 0x%X", chunk.offset,
+                        chunk.max_data_size);
+    __android_log_print(ANDROID_LOG_INFO, kLogTag, "prefix: %s\nfile_name: %s", prefix.c_str(),
+                        chunk.file_name->c_str());
+    if (chunk.offset >= chunk.max_data_size) {
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Bad max_data_size 0x%X or offset 0x%X",
+                            chunk.max_data_size, chunk.offset);
+        return kBadOffset;
+    }
+    __android_log_print(lines.handle_priority, kLogTag,
+                        "Handle file write operation to path: %s for offset: 0x%X (total: 0x%X)",
+                        target_path.c_str(), chunk.offset, chunk.max_data_size);
+    struct stat status;
+    if (stat(kTempDirectory, &status) != 0) {
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag,
+                            "Temp file directory %s does not exist or permission denied.",
+                            kTempDirectory);
+        return kFailed;
+    }
+    if (!MatchesTempFile(temp_path, chunk.offset)) return kBadOffset;
+    if (!AppendToTempFile(temp_path, *chunk.data, lines)) return kFailed;
+    if (stat(temp_path.c_str(), &status) != 0) {
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag,
+                            "Temp file %s does not exist or permission denied.", temp_path.c_str());
+        return kFailed;
+    }
+    // More is to come; or too much came, which only a new start at 0 mends.
+    if (status.st_size != chunk.max_data_size) return kStored;
+    if (!ReplaceTarget(temp_path, prefix, target_path)) return kFailed;
+    // The error priority of this line is deliberate.
+    __android_log_print(ANDROID_LOG_ERROR, kLogTag, "%s", lines.moved);
+    return kStored;
+}
