@@ -36,6 +36,15 @@ int VelmarServiceHandler::OnReceiveIndication(SitMessage* message) {
     if (message == nullptr || !message->IsIndication()) return kStatusInvalid;
     int id = message->GetMessageId() & 0xFFFF;
     switch (id) {
+        case VelmarMessage::kModemStatMessage:
+            __android_log_print(ANDROID_LOG_INFO, kLogTag, "Got modemstat report indication");
+            return OnReceiveModemStatReportIndication(message);
+        case VelmarMessage::kExtendedLogMessage:
+            __android_log_print(ANDROID_LOG_INFO, kLogTag, "Got extended log indication");
+            return OnReceiveExtendedLogIndication(message);
+        case VelmarMessage::kUserspaceLogMessage:
+            __android_log_print(ANDROID_LOG_INFO, kLogTag, "Got userspace log indication");
+            return OnReceiveUserspaceLogIndication(message);
         case VelmarMessage::kFileMessage:
             __android_log_print(ANDROID_LOG_INFO, kLogTag, "Got File write indication");
             return OnReceiveFileWriteIndication(message);
@@ -47,6 +56,17 @@ int VelmarServiceHandler::OnReceiveIndication(SitMessage* message) {
 }
 
 int VelmarServiceHandler::SendServiceRequest(unsigned int command) {
-    __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Unsupport command type %d", command);
-    return kStatusInvalid;
+    switch (command) {
+        case kCommandModemStatReport:
+            return SendModemStatReportRequest();
+        case kCommandDebugStatConfig:
+            return LoadDebugStatConfig();
+        case kCommandExtendedLog:
+            return SendExtendedLogRequest();
+        case kCommandUserspaceLogEnable:
+            return SendUserspaceLogEnableRequest();
+        default:
+            __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Unsupport command type %d", command);
+            return kStatusInvalid;
+    }
 }

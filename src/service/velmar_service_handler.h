@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string>
+
 #include "message/sit_message.h"
 
 class VelmarMessageHandler;
@@ -11,6 +13,13 @@ enum VelmarServiceCommand : unsigned int {
     kCommandExtendedLog = 2,
     kCommandUserspaceLogEnable = 3,
     kCommandGnssCoexConfig = 4,
+};
+
+// The lines that a sender logs around its exchange with the modem.
+struct ExchangeLines {
+    const char* sending;
+    const char* succeeded;
+    const char* failed;
 };
 
 // Where the service's features meet the message core: takes what the modem asks and tells, and the
@@ -56,6 +65,54 @@ class VelmarServiceHandler {
     // the status of sending the answer. IO thread only.
     int OnReceivePropertyRequest(SitMessage* request);
 
+    // Asks the modem for a statistics report. Returns 0 when the modem answered, whatever it said,
+    // 3 when it is not online, else the status of sending the request. Any thread but the IO
+    // thread.
+    int SendModemStatReportRequest();
+
+    // Asks the modem to keep statistics for `module`; a `value` below 0 and a `type` of 0 are not
+    // given. Returns 0, 9 when the modem refused, 3 when it is not online, else the status of
+    // sending the request. Any thread but the IO thread.
+    int SendModemStatEnableRequest(const std::string& module, int value, unsigned int type);
+
+    // Writes a piece of a statistics report to the dump file. Returns 0, whether or not the file
+    // could be opened, or 2 for what is no report. IO thread only.
+    int OnReceiveModemStatReportIndication(SitMessage* message);
+
+    // Asks the modem for the statistics that the configuration names, entry by entry. Returns 0, or
+    // 8 when there is no configuration that can be read. Any thread but the IO thread.
+    int LoadDebugStatConfig();
+
+    // Asks the modem for what one entry of the configuration says, cutting it up in place. Any
+    // thread but the IO thread.
+    void LoadDebugStatModuleConfig(char* entry);
+
+    // Asks the modem for the extended logs. Returns as SendModemStatEnableRequest does.
+    int SendExtendedLogRequest();
+
+    // Appends text to an extended log file. Returns 0, 2 for what is no such text, 8 when the file
+    // cannot be opened. IO thread only.
+    int OnReceiveExtendedLogIndication(SitMessage* message);
+
+    // Asks the modem for the log lines that the configuration names, name by name. Returns 0, also
+    // without a configuration, or 3 when the modem is not online. Any thread but the IO thread.
+    int SendUserspaceLogEnableRequest();
+
+    // Asks the modem for the log lines of one name. Returns 0, 9 when the modem refused, else the
+    // status of sending the request. Any thread but the IO thread.
+    int SendUserspaceLogEnableRequestMessage(const std::string& name);
+
+    // Logs one line of the modem. Returns 0, or 2 for what is no such line. IO thread only.
+    int OnReceiveUserspaceLogIndication(SitMessage* message);
+
   protected:
     VelmarMessageHandler* message_handler;
+
+  private:
+    // Whether the modem is online; logs when it is not.
+    bool CheckModemOnline();
+
+    // Sends a request and waits for its answer. Returns 0, 9 when the modem refused, else the
+    // status of sending the request.
+    int ExchangeRequest(SitMessage* request, const ExchangeLines& lines);
 };

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+// One entry of the debug statistics configuration: what to ask of one module of the modem.
+struct DebugStatEntry {
+    std::string module;
+    // Below 0: none is given.
+    int value = -1;
+    // 0: none is given.
+    int type = 0;
+};
+
+// Cuts a configuration up into its entries, which stay in `text`. Entries are separated by any run
+// of
+// '|', carriage return and line feed.
+std::vector<char*> SplitDebugStatConfig(char* text);
+
+// Reads one entry, MODULE[:KEY=NUMBER[,KEY=NUMBER]...], cutting it up in place; the key 'v' gives
+// the value, 't' the type, and what has another form is passed over. Returns false when there is no
+// module.
+bool ParseDebugStatEntry(char* text, DebugStatEntry* entry);

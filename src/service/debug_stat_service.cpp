@@ -1,0 +1,61 @@
+#include <android/log.h>
+#include <sys/stat.h>
+
+#include <fstream>
+#include <vector>
+
+#include "message/log_tag.h"
+#include "message/velmar_status.h"
+#include "service/debug_stat_config.h"
+#include "service/velmar_service_handler.h"
+
+namespace {
+
+// The first that exists is used, even if it cannot be opened.
+constexpr const char* kConfigFiles[] = {"/data/vendor/radio/modem_stat.conf",
+                                        "/vendor/etc/modem_stat.conf"};
+
+// The configuration that is to be used, and its size in bytes; null when there is none.
+const char* FindConfig(size_t* size) {
+    for (const char* path : kConfigFiles) {
+        struct stat status;
+        if (stat(path, &status) != 0) continue;
+        *size = status.st_size;
+        return path;
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+int VelmarServiceHandler::LoadDebugStatConfig() {
+    size_t size = 0;
+    const char* path = FindConfig(&size);
+    if (path == nullptr) {
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Not found any config file");
+        return kStatusNotFound;
+    }
+    std::ifstream file(path);
+    if (!file.is_open()) {
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Failed to open config file %s", path);
+        return kStatusNotFound;
+    }
+    // A file that has grown since is read up to one byte more, which still leaves a zero at the
+    // end.
+    std::vector<char> text(size + 2);
+    file.read(text.data(), static_cast<std::streamsize>(size + 1));
+    __android_log_print(ANDROID_LOG_INFO, kLogTag, "Read config: %s", path);
+    for (char* entry : SplitDebugStatConfig(text.data())) LoadDebugStatModuleConfig(entry);
+    return kStatusSuccess;
+}
+
+void VelmarServiceHandler::LoadDebugStatModuleConfig(char* entry) {
+    DebugStatEntry config;
+    if (!ParseDebugStatEntry(entry, &config)) {
+        __android_log_print(ANDROID_LOG_INFO, kLogTag, "Failed to get module name");
+        return;
+    }
+    __android_log_print(ANDROID_LOG_INFO, kLogTag, "Send debug stat config: %s, v=%d, t=%d",
+                        config.module.c_str(), config.value, config.type);
+    SendModemStatEnableRequest(config.module, config.value, static_cast<unsigned int>(config.type));
+}
