@@ -20,6 +20,15 @@ constexpr int kPartsPolls = 3000;
 constexpr unsigned int kStartUpCommands[] = {kCommandDebugStatConfig, kCommandUserspaceLogEnable,
                                              kCommandGnssCoexConfig};
 
+SitMessage* Decode(void* data, unsigned int length) {
+    return new SitMessage(static_cast<const char*>(data), static_cast<int>(length));
+}
+
+// The list copies the record; this one is deliberately never released.
+RequestRecord* NewOutstandingRecord(unsigned int token) {
+    return new RequestRecord(token);
+}
+
 }  // namespace
 
 // NOLINTNEXTLINE(cert-err58-cpp): without memory for it there is nothing to run.
@@ -93,7 +102,7 @@ bool VelmarMessageHandler::IsModemOnline() {
 
 int VelmarMessageHandler::ProcessReceivedMessage(void* data, unsigned int length) {
     if (data == nullptr || length == 0) return kStatusInvalid;
-    auto* message = new SitMessage(static_cast<const char*>(data), static_cast<int>(length));
+    SitMessage* message = Decode(data, length);
     int status;
     switch (message->GetType() & 0xFF) {
         case velmar_message::REQUEST:
@@ -150,8 +159,8 @@ int VelmarMessageHandler::SendRequest(SitMessage* message, unsigned int timeout_
     int status = WriteMessage(message);
     if (status != kStatusSuccess) return status;
     // The request is out before it is recorded: a response that is faster finds no record and is
-    // dropped. The list copies the record; this one is deliberately not released.
-    request_list.load()->AddRecord(new RequestRecord(token));
+    // dropped.
+    request_list.load()->AddRecord(NewOutstandingRecord(token));
     return WaitForResponse(static_cast<int>(timeout_seconds), token);
 }
 
