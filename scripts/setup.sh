@@ -10,7 +10,7 @@ packages=(
     cmake g++ ninja-build
     protobuf-compiler libprotobuf-dev
     android-liblog-dev android-libbase-dev
-    libcli11-dev
+    libcli11-dev libssl-dev
     libgmock-dev libgtest-dev
     strace
 )

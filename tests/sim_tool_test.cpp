@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -21,8 +22,10 @@
 #include "sim/modem/phone_folder.h"
 #include "sim/modem/simulated_modem.h"
 #include "sim/tool/child_process.h"
+#include "sim/tool/file_push.h"
 #include "sim/tool/log_stream.h"
 #include "sim/tool/scenario_reader.h"
+#include "sim/tool/transcript.h"
 
 using std::chrono::milliseconds;
 using testing::ElementsAre;
@@ -95,6 +98,27 @@ TEST(ScenarioReader, BadScenariosAreNamedByFileAndLine) {
              "f:1: answer: expected a payload such as \"modem_stat_message\", found \"token\""},
             {"step { send {} any_token: true }",
              "f:1: send: any_token: expected an expect with it"},
+            {"step { push {} }", "f:1: push: expected source or generated"},
+            {"step { push { generated { size: 1 } source: 'a' } }",
+             "f:1:43: Field \"source\" is specified along with field \"generated\", another member "
+             "of oneof \"origin\"."},
+            {"step { push { generated { size: 1 } file_dir: FILE_DIRECTORY_RESERVED } }",
+             "f:1: push: expected a file_dir of FILE_DIRECTORY_MDS or FILE_DIRECTORY_REPLAY"},
+            {"step { push { generated {} file_dir: FILE_DIRECTORY_MDS file_name: 'a/../b' } }",
+             "f:1: push: expected a file_name without \"..\", found \"a/../b\""},
+            {"step { push { generated {} file_dir: FILE_DIRECTORY_MDS file_name: 'a' } }",
+             "f:1: push: expected a file of 1 to 4294967295 bytes, found 0"},
+            {"\nstep { push { source: 'none' file_dir: FILE_DIRECTORY_MDS file_name: 'a' } }",
+             "f:2: push: none cannot be read: No such file or directory"},
+            {"step { push { generated { size: 65537 } file_dir: FILE_DIRECTORY_MDS file_name: "
+             "'full' "
+             "chunk_size: 65537 } }",
+             "f:1: push: expected messages of at most 65568 bytes, with a chunk_size of 65537 one "
+             "has "
+             "65569"},
+            {"step { push { generated { size: 1 } file_dir: FILE_DIRECTORY_MDS file_name: 'a' "
+             "chunk_size: 0 } }",
+             "f:1: push: expected a chunk_size of 1 to 65568, found 0"},
             {"step {}\nstep { exit {} }",
              "f:1: step: expected an action such as send, expect or log\n"
              "f:2: exit: expected status or signal"},
@@ -110,6 +134,15 @@ TEST(ScenarioReader, BadScenariosAreNamedByFileAndLine) {
     }
     EXPECT_THROW(velmar_sim::ParseScenario("f", "step { log { matching: \"(\" } }"),
                  velmar_sim::BadScenario);
+}
+
+TEST(ScenarioReader, PushedFilesLieBesideTheScenario) {
+    const TemporaryFolder folder;
+    std::ofstream(folder.path + "/pushed") << "text";
+    const auto file = velmar_sim::ParseScenario(
+            folder.path + "/s",
+            "step { push { source: 'pushed' file_dir: FILE_DIRECTORY_MDS file_name: 'a' } }");
+    EXPECT_EQ(file.scenario.step(0).push().source(), folder.path + "/pushed");
 }
 
 TEST(LogCutter, TellsTheLogFromOtherOutput) {
@@ -323,13 +356,122 @@ TEST(PhoneFolder, HasLongNamesAndModesWhateverTheUmask) {
     EXPECT_TRUE(modem.WaitForChannel(kSoon));
 }
 
+// ---- Pushed files ----
+
+class PushTest : public testing::Test {
+  protected:
+    ~PushTest() override { folder.RemoveTree(); }
+
+    static velmar_sim::Push Generated(uint32_t size, uint32_t chunk_size) {
+        velmar_sim::Push push;
+        push.mutable_generated()->set_size(size);
+        push.set_file_dir(velmar_message::FILE_DIRECTORY_MDS);
+        push.set_file_name("f");
+        push.set_chunk_size(chunk_size);
+        return push;
+    }
+
+    // The bytes of all chunks; what each is besides goes to `chunks`.
+    static std::string Gather(velmar_sim::FilePush* file, std::vector<std::string>* chunks) {
+        std::string bytes;
+        while (file->Next()) {
+            VelmarMessage message = file->message();
+            auto* content = message.mutable_file_message();
+            const bool is_request = content->has_file_write_request();
+            auto* data = is_request ? content->mutable_file_write_request()->mutable_data()
+                                    : content->mutable_file_write_indication()->mutable_data();
+            bytes += *data;
+            data->clear();
+            chunks->push_back(message.ShortDebugString());
+        }
+        return bytes;
+    }
+
+    velmar_sim::PhoneFolder folder;
+};
+
+TEST_F(PushTest, ContentDependsOnSizeAndSeedOnly) {
+    std::vector<std::string> contents;
+    for (const uint32_t chunk_size : {1, 7, 60000}) {
+        velmar_sim::Push push = Generated(1000, chunk_size);
+        velmar_sim::FilePush file(push, folder);
+        std::vector<std::string> chunks;
+        contents.push_back(Gather(&file, &chunks));
+        EXPECT_EQ(chunks.size(), file.chunk_count());
+    }
+    EXPECT_EQ(contents[0].size(), 1000U);
+    EXPECT_THAT(contents, testing::Each(contents[0]));
+    velmar_sim::Push other = Generated(1000, 60000);
+    other.mutable_generated()->set_seed(1);
+    velmar_sim::FilePush file(other, folder);
+    std::vector<std::string> chunks;
+    EXPECT_NE(Gather(&file, &chunks), contents[0]);
+}
+
+TEST_F(PushTest, ChunksSayWhereTheyBelong) {
+    velmar_sim::Push push = Generated(5, 2);
+    push.set_as(velmar_sim::Push::ALTERNATING);
+    velmar_sim::FilePush file(push, folder);
+    std::vector<std::string> chunks;
+    Gather(&file, &chunks);
+    const std::string name = "data: \"\" file_name: \"f\" max_data_size: 5 ";
+    EXPECT_THAT(chunks, ElementsAre("type: REQUEST message_id: 9 token: 0 file_message { "
+                                    "file_write_request { " +
+                                            name + "offset: 0 file_dir: FILE_DIRECTORY_MDS } }",
+                                    "type: INDICATION message_id: 9 file_message { "
+                                    "file_write_indication { " +
+                                            name + "offset: 2 file_dir: FILE_DIRECTORY_MDS } }",
+                                    "type: REQUEST message_id: 9 token: 2 file_message { "
+                                    "file_write_request { " +
+                                            name + "offset: 4 file_dir: FILE_DIRECTORY_MDS } }"));
+    EXPECT_EQ(file.ChunkName(), "chunk 3 of 3 at offset 4");
+}
+
+TEST_F(PushTest, TheStoredFileIsComparedInEveryRespect) {
+    const std::string target = "/data/vendor/radio/mds/f";
+    const std::string unfinished = "/data/vendor/radio/modem_temp_file/f";
+    folder.WriteFile(target, "old");
+    velmar_sim::Push push = Generated(3, 2);
+    push.set_as(velmar_sim::Push::INDICATION);
+    velmar_sim::FilePush file(push, folder);
+    std::vector<std::string> chunks;
+    const std::string content = Gather(&file, &chunks);
+
+    folder.WriteFile(unfinished, "");
+    EXPECT_EQ(file.StoredDifference(), unfinished + " exists, expected none");
+    folder.Remove(unfinished);
+    folder.WriteFile(target, content, 0666);
+    EXPECT_EQ(file.StoredDifference(), target + " was not replaced");
+    folder.Remove(target);
+    EXPECT_EQ(file.StoredDifference(), target + " does not exist");
+    folder.WriteFile(target, content, 0644);
+    EXPECT_THAT(file.StoredDifference(), HasSubstr(target + " has another mode"));
+    folder.WriteFile(target, content + "x", 0666);
+    EXPECT_EQ(file.StoredDifference(), target + " has another size\n  expected: 3\n  actual:   4");
+    folder.WriteFile(target, "abc", 0666);
+    EXPECT_THAT(
+            file.StoredDifference(),
+            HasSubstr("\n  actual:   ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f200"
+                      "15ad"));
+    folder.WriteFile(target, content, 0666);
+    EXPECT_EQ(file.StoredDifference(), "");
+}
+
+TEST(Progress, IsShownInFigures) {
+    EXPECT_EQ(velmar_sim::ProgressText(0, 1),
+              "[..............................]   0 %  0.0 of 0.0 MiB");
+    EXPECT_EQ(velmar_sim::ProgressText(uint64_t{3} << 30, uint64_t{4} << 30),
+              "[######################........]  75 %  3072.0 of 4096.0 MiB");
+    EXPECT_EQ(velmar_sim::ProgressText(7, 7),
+              "[##############################] 100 %  0.0 of 0.0 MiB");
+}
+
 // ---- The program ----
 
 // One run of velmar_sim with its own folder for temporary files.
 class ToolTest : public testing::Test {
   protected:
     void Start(const std::string& scenario, std::vector<std::string> options) {
-        text.clear();
         const std::string file = scratch.path + "/s.textproto";
         std::ofstream(file) << scenario;
         options.insert(options.begin(), {"velmar_sim", "run", file});
@@ -337,6 +479,11 @@ class ToolTest : public testing::Test {
         launch.executable = VELMAR_SIM_PATH;
         launch.arguments = std::move(options);
         launch.variable = "TMPDIR=" + temporary.path;
+        StartProgram(launch);
+    }
+
+    void StartProgram(const velmar_sim::Launch& launch) {
+        text.clear();
         const auto gather = [this](const std::string& written) {
             const std::lock_guard<std::mutex> guard(lock);
             text += written;
@@ -446,6 +593,9 @@ TEST_F(ToolTest, VerdictsAndExitStatuses) {
              1,
              {"s:2: velmar has not opened the channel within 9 ms"}},
             {"phone { no_server: true }\nstep { running {} }", 1, {"s:2: velmar does not run"}},
+            {"phone { no_server: true }\nstep { thermal { write: 'a' } within_ms: 9 }",
+             1,
+             {"s:2: the writes to the thermal node differ\n  expected: \"a\"\n  actual:   -\n"}},
     };
     for (const Case& run : cases) {
         SCOPED_TRACE(run.scenario);
@@ -482,6 +632,68 @@ TEST_F(ToolTest, ADifferingMessageIsShownFieldByField) {
                                     "property_message.read_request { name: \"ro.a\" }"));
     Run(scenario, {"--velmar", VELMAR_PATH, "--quiet"});
     EXPECT_THAT(Output(), HasSubstr("s:3: the message differs"));
+}
+
+// A push of 100 chunks, in the second line, to a phone that has `more` besides.
+std::string PushScenario(const std::string& more) {
+    return "phone { modem_state: 4 " + more +
+           " }\nstep { push { generated { size: 1000 } file_dir: FILE_DIRECTORY_MDS file_name: 'f' "
+           "chunk_size: 10 } }\n";
+}
+
+TEST_F(ToolTest, ALongPushIsSummedUp) {
+    Run(PushScenario("") + "step { log { text: 'offset: 0x1F4, size: 0x3E8' } }",
+        {"--velmar", VELMAR_PATH, "--time-factor", "4"});
+    EXPECT_EQ(ExitStatus(), 0);
+    const std::string output = Output();
+    const char* const parts[] = {
+            "offset: 0 ",
+            "]  10 %",
+            "]  90 %",
+            " lines like these\n",
+            "offset: 990 ",
+            "pushed and compared 1000 bytes in 100 chunks to /data/vendor/radio/mds/f: "};
+    for (const char* part : parts) {
+        EXPECT_THAT(output, HasSubstr(part));
+    }
+    EXPECT_THAT(output, Not(HasSubstr("offset: 500 ")));
+    EXPECT_LE(std::count(output.begin(), output.end(), '\n'), 70);
+}
+
+TEST_F(ToolTest, ATerminalShowsABar) {
+    const std::string file = scratch.path + "/s.textproto";
+    std::ofstream(file) << PushScenario("");
+    velmar_sim::Launch launch;
+    launch.executable = "/usr/bin/script";
+    launch.arguments = {"script", "-qec",
+                        std::string(VELMAR_SIM_PATH) + " run --time-factor 4 " + file, "/dev/null"};
+    launch.variable = "TMPDIR=" + temporary.path;
+    StartProgram(launch);
+    Finish();
+    EXPECT_EQ(ExitStatus(), 0);
+    EXPECT_THAT(Output(), HasSubstr("\r\033[K[##############################] 100 %"));
+    EXPECT_THAT(Output(), Not(HasSubstr("MiB\033[0m\r\n")));
+}
+
+TEST_F(ToolTest, APushFailsByItsChunk) {
+    Run(PushScenario("missing: '/data/vendor/radio/modem_temp_file'"),
+        {"--velmar", VELMAR_PATH, "--time-factor", "4"});
+    EXPECT_EQ(ExitStatus(), 1);
+    EXPECT_THAT(Output(), HasSubstr("s:2: chunk 1 of 100 at offset 0: the message differs"));
+    EXPECT_THAT(Output(), HasSubstr("result: SUCCESS -> FAILURE"));
+
+    Run("phone { modem_state: 4 }\n"
+        "step { fault { call: 'unlink' path: '/data/vendor/radio/modem_temp_file/f' error: 'EIO' "
+        "skip: 1 } }\n"
+        "step { send { type: REQUEST property_message { read_request {} } } }\n"
+        "step { expect { type: RESPONSE message_id: 7 result: PROPERTY_FAILURE property_message { "
+        "read_response { value: '' } } } }\n"
+        "step { within_ms: 500 push { generated { size: 9 } file_dir: FILE_DIRECTORY_MDS "
+        "file_name: 'f' } }",
+        {"--velmar", VELMAR_PATH});
+    EXPECT_EQ(ExitStatus(), 1);
+    EXPECT_THAT(Output(),
+                HasSubstr("s:5: /data/vendor/radio/modem_temp_file/f exists, expected none"));
 }
 
 TEST_F(ToolTest, QuietRunsShowVerdictsOnly) {

@@ -24,16 +24,15 @@ using android::base::unique_fd;
 
 constexpr mode_t kDirectoryMode = 0770;
 constexpr mode_t kSharedFileMode = 0660;
-constexpr char kThermalNode[] = "/sys/devices/platform/cp-tm1/cp_temp";
 
 // What the phone's boot makes and its services rely on.
 constexpr const char* kDirectories[] = {
         "/dev",
-        "/data/vendor/radio/modem_temp_file",
-        "/data/vendor/radio/mds",
+        kUnfinishedFiles,
+        kMdsFiles,
         "/data/vendor/radio/extended_logs",
         "/data/vendor/modem_stat",
-        "/mnt/vendor/modem_userdata/replay",
+        kReplayFiles,
         "/vendor/etc/modem",
         "/sys/devices/platform/cp-tm1",
 };

@@ -7,6 +7,14 @@
 
 namespace velmar_sim {
 
+// Where the phone gathers the chunks of a file that the modem stores, and where such files end up.
+constexpr char kUnfinishedFiles[] = "/data/vendor/radio/modem_temp_file";
+constexpr char kMdsFiles[] = "/data/vendor/radio/mds";
+constexpr char kReplayFiles[] = "/mnt/vendor/modem_userdata/replay";
+
+// The thermal driver's node.
+constexpr char kThermalNode[] = "/sys/devices/platform/cp-tm1/cp_temp";
+
 // The folder that a simulated phone lives in: its devices, directories, files and properties. Paths
 // are the phone's own, absolute and without "..", such as "/data/vendor/radio/velmar_pid"; the
 // folder itself is named by the workstation's path. A failing operation throws std::runtime_error

@@ -16,6 +16,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "google/protobuf/stubs/strutil.h"
+
 #include "sim/modem/errors.h"
 
 namespace velmar_sim {
@@ -32,6 +34,8 @@ constexpr size_t kReceiveBufferSize = size_t{1} << 20;
 constexpr int kSendBufferSize = 1 << 20;
 constexpr timeval kSendTimeout = {5, 0};
 constexpr int kListenBacklog = 64;
+// What the kernel passes to a driver's node at once.
+constexpr size_t kNodeBufferSize = 4096;
 constexpr uint32_t kUnknownTokenBit = 0x80000000;
 
 velmar_phone::PhoneState* MapState(const PhoneFolder& folder) {
@@ -66,7 +70,8 @@ SimulatedModem::SimulatedModem(const PhoneFolder& folder, ModemObserver* modem_o
       wake_fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       receive_buffer(kReceiveBufferSize, '\0'),
       channel(Listen(folder, velmar_phone::kChannelDevice)),
-      boot(Listen(folder, velmar_phone::kBootDevice)) {
+      boot(Listen(folder, velmar_phone::kBootDevice)),
+      thermal(Listen(folder, kThermalNode)) {
     if (wake_fd < 0) ThrowErrno("eventfd");
     thread = std::thread(&SimulatedModem::Run, this);
 }
@@ -239,6 +244,12 @@ void SimulatedModem::SetAnswerPolicy(const AnswerPolicy& policy,
     policies[payload] = policy;
 }
 
+std::vector<std::string> SimulatedModem::ThermalWrites() {
+    const std::lock_guard<std::mutex> guard(lock);
+    ReadThermalWrites();
+    return thermal_writes;
+}
+
 void SimulatedModem::AddFault(const FaultRule& rule) {
     if (rule.times < 1 || rule.skip < 0 || rule.length < 0) {
         throw std::runtime_error("fault: expected times above 0, skip and length not below 0");
@@ -271,22 +282,22 @@ void SimulatedModem::ClearFaults() {
 
 void SimulatedModem::Run() {
     while (true) {
-        std::vector<ConnectionPtr> openers;
+        std::vector<Opener> openers;
         std::vector<pollfd> polled = {{wake_fd.get(), POLLIN, 0},
                                       {channel.listener.get(), POLLIN, 0},
-                                      {boot.listener.get(), POLLIN, 0}};
+                                      {boot.listener.get(), POLLIN, 0},
+                                      {thermal.listener.get(), POLLIN, 0}};
         const size_t first_opener = polled.size();
-        size_t boot_begin = 0;
         {
             const std::lock_guard<std::mutex> guard(lock);
             if (stopping) return;
-            openers = channel.connections;
-            boot_begin = openers.size();
-            openers.insert(openers.end(), boot.connections.begin(), boot.connections.end());
+            for (Device* device : {&channel, &boot, &thermal}) {
+                for (const auto& opener : device->connections) openers.push_back({device, opener});
+            }
         }
-        for (size_t i = 0; i < openers.size(); ++i) {
-            const short events = i < boot_begin ? POLLIN | POLLRDHUP : POLLRDHUP;
-            polled.push_back({openers[i]->fd.get(), events, 0});
+        for (const Opener& opener : openers) {
+            const short events = opener.device == &boot ? POLLRDHUP : POLLIN | POLLRDHUP;
+            polled.push_back({opener.connection->fd.get(), events, 0});
         }
         poll(polled.data(), polled.size(), UntilNextAnswer());
 
@@ -296,15 +307,13 @@ void SimulatedModem::Run() {
             const std::lock_guard<std::mutex> guard(lock);
             AcceptOpeners(&channel);
             AcceptOpeners(&boot);
+            ReadThermalWrites();
         }
         for (size_t i = 0; i < openers.size(); ++i) {
             const short events = polled[first_opener + i].revents;
             if (events == 0) continue;
-            if (i < boot_begin) {
-                ReceiveFrom(openers[i], events);
-            } else {
-                Drop(&boot, openers[i]);
-            }
+            if (openers[i].device == &channel) ReceiveFrom(openers[i].connection, events);
+            if (openers[i].device == &boot) Drop(&boot, openers[i].connection);
         }
         SendDueAnswers();
     }
@@ -331,6 +340,28 @@ void SimulatedModem::ReceiveFrom(const ConnectionPtr& connection, short events) 
         received.push_back(std::move(message));
     }
     changed.notify_all();
+}
+
+// Reads every writer to its end before the next one, which keeps the order of their writes: the
+// service opens the node for each report anew. Called with the lock held.
+void SimulatedModem::ReadThermalWrites() {
+    AcceptOpeners(&thermal);
+    auto& writers = thermal.connections;
+    const auto has_ended = [this](const ConnectionPtr& writer) { return ReadToEnd(writer); };
+    writers.erase(std::remove_if(writers.begin(), writers.end(), has_ended), writers.end());
+}
+
+// Takes what the writer has written so far; gives whether it has closed the node.
+bool SimulatedModem::ReadToEnd(const ConnectionPtr& writer) {
+    char buffer[kNodeBufferSize];
+    while (true) {
+        const ssize_t size = recv(writer->fd.get(), buffer, sizeof(buffer), MSG_DONTWAIT);
+        if (size < 0 && errno == EAGAIN) return false;
+        if (size <= 0) return true;
+        thermal_writes.emplace_back(buffer, static_cast<size_t>(size));
+        Notice("velmar wrote \"" + google::protobuf::CEscape(thermal_writes.back()) + "\" to " +
+               thermal.name);
+    }
 }
 
 void SimulatedModem::PlanAnswers(const VelmarMessage& request) {

@@ -21,6 +21,9 @@ namespace velmar_sim {
 
 using Clock = std::chrono::steady_clock;
 
+// The largest message that the phone receives whole, in bytes.
+constexpr size_t kMaxMessageForPhone = 65568;
+
 // One message that the service wrote.
 struct ReceivedMessage {
     velmar_message::VelmarMessage message;
@@ -70,7 +73,8 @@ class ModemObserver {
     virtual void OnEvent(const std::string& text) = 0;
 };
 
-// The modem's side of both devices of a simulated phone. It exists before the service starts.
+// The modem's side of both devices of a simulated phone, and the thermal driver that the modem's
+// readings are meant for. It exists before the service starts.
 // Operations may be called from any thread; those that fail throw std::runtime_error with a text
 // that says what could not be done and why.
 class SimulatedModem {
@@ -110,6 +114,10 @@ class SimulatedModem {
                          velmar_message::VelmarMessage::PayloadCase payload =
                                  velmar_message::VelmarMessage::PAYLOAD_NOT_SET);
 
+    // What was written to the thermal node since the phone's boot, each write by itself. A write
+    // that has returned is among them.
+    std::vector<std::string> ThermalWrites();
+
     // Makes calls of the phone's programs fail. At most velmar_phone::kMaxFaults at a time.
     void AddFault(const FaultRule& rule);
     void ClearFaults();
@@ -130,6 +138,11 @@ class SimulatedModem {
         std::string name;
     };
 
+    struct Opener {
+        Device* device;
+        ConnectionPtr connection;
+    };
+
     struct StateUnmapper {
         void operator()(velmar_phone::PhoneState* mapped) const;
     };
@@ -142,6 +155,8 @@ class SimulatedModem {
     void AcceptOpeners(Device* device);
     void Drop(Device* device, const ConnectionPtr& connection);
     void ReceiveFrom(const ConnectionPtr& connection, short events);
+    void ReadThermalWrites();
+    bool ReadToEnd(const ConnectionPtr& writer);
     void PlanAnswers(const velmar_message::VelmarMessage& request);
     void SendDueAnswers();
     int UntilNextAnswer() const;
@@ -161,6 +176,8 @@ class SimulatedModem {
     std::condition_variable changed;
     Device channel;
     Device boot;
+    Device thermal;
+    std::vector<std::string> thermal_writes;
     std::deque<ReceivedMessage> received;
     std::map<int, AnswerPolicy> policies;
     bool stopping = false;

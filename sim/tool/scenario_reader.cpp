@@ -3,6 +3,7 @@
 #include <errno.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <initializer_list>
 #include <iterator>
@@ -13,6 +14,7 @@
 #include "google/protobuf/text_format.h"
 
 #include "sim/modem/phone_folder.h"
+#include "sim/tool/file_push.h"
 #include "sim/tool/names.h"
 
 namespace velmar_sim {
@@ -126,6 +128,8 @@ std::string FaultOf(const Step& step) {
             return Unless(!step.send_bytes().empty(), "expected at least one byte");
         case Step::kAnswer:
             return FaultOf(step.answer());
+        case Step::kPush:
+            return PushFault(step.push());
         case Step::kSignal:
             return SignalFault(step.signal());
         case Step::kExit:
@@ -201,6 +205,13 @@ void CheckPhone(const Phone& phone, const TextFormat::ParseInfoTree& tree, Fault
     if (phone.has_umask()) faults->Check(line_of("umask", -1), "umask", ModeFault(phone.umask()));
 }
 
+// Makes the path of a pushed file one that leads from here.
+void ResolveSource(const std::string& scenario_path, Step* step) {
+    if (!step->push().has_source()) return;
+    const std::filesystem::path folder = std::filesystem::path(scenario_path).parent_path();
+    step->mutable_push()->set_source(folder / step->push().source());
+}
+
 }  // namespace
 
 ScenarioFile ParseScenario(const std::string& path, const std::string& text) {
@@ -220,7 +231,8 @@ ScenarioFile ParseScenario(const std::string& path, const std::string& text) {
                    *tree.GetTreeForNested(type->FindFieldByName("phone"), -1), &faults);
     }
     for (int i = 0; i < file.scenario.step_size(); ++i) {
-        const Step& step = file.scenario.step(i);
+        Step& step = *file.scenario.mutable_step(i);
+        ResolveSource(path, &step);
         const int line = LineOf(tree, type, "step", i);
         file.step_lines.push_back(line);
         const auto* action = Step::descriptor()->FindFieldByNumber(step.action_case());

@@ -9,6 +9,7 @@
 namespace velmar_sim {
 
 // A scenario that can be played: every step has an action, and every name and pattern in it is one.
+// Paths of files to be pushed lead from the working folder.
 struct ScenarioFile {
     std::string path;
     Scenario scenario;

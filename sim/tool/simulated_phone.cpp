@@ -21,6 +21,7 @@ SimulatedPhone::SimulatedPhone(const Phone& description, const std::string& velm
       phone_folder(janitor.folder()),
       phone_modem(phone_folder, transcript) {
     for (const File& file : description.file()) {
+        phone_folder.Remove(file.path());
         phone_folder.WriteFile(file.path(), file.content(), ModeFromText(file.mode()).value_or(0));
     }
     for (const std::string& path : description.missing()) phone_folder.Remove(path);

@@ -5,12 +5,10 @@
 
 #include <algorithm>
 #include <regex>
-#include <sstream>
 #include <thread>
 #include <vector>
 
-#include "google/protobuf/util/message_differencer.h"
-
+#include "sim/tool/differences.h"
 #include "sim/tool/message_text.h"
 #include "sim/tool/names.h"
 
@@ -18,7 +16,6 @@ namespace velmar_sim {
 
 namespace {
 
-using google::protobuf::util::MessageDifferencer;
 using std::chrono::milliseconds;
 using velmar_message::VelmarMessage;
 
@@ -27,17 +24,6 @@ constexpr char kServerOption[] = "--server";
 constexpr milliseconds kSlice{20};
 // Between two looks at something that tells no one of its change.
 constexpr milliseconds kLookAgain{2};
-// The matcher's recursion grows with the text.
-constexpr size_t kMaxMatchedText = 8192;
-constexpr size_t kMaxDifferenceLine = 200;
-
-std::string ExpectedActual(const std::string& expected, const std::string& actual) {
-    return "\n  expected: " + expected + "\n  actual:   " + actual;
-}
-
-bool MatchesPattern(const std::string& text, const std::regex& pattern) {
-    return text.size() <= kMaxMatchedText && std::regex_match(text, pattern);
-}
 
 LogStream::Matcher LogMatcher(const LogPattern& pattern) {
     const std::regex expression(pattern.matching());
@@ -52,63 +38,6 @@ LogStream::Matcher LogMatcher(const LogPattern& pattern) {
 std::string DescribePattern(const LogPattern& pattern) {
     return pattern.priority() + (pattern.has_priority() ? " " : "") + pattern.tag() + ": " +
            (pattern.has_text() ? pattern.text() : "/" + pattern.matching() + "/");
-}
-
-// Empty when the message is the expected one.
-std::string MessageDifference(const VelmarMessage& expected, const ReceivedMessage& actual,
-                              bool any_token) {
-    MessageDifferencer differencer;
-    std::string report;
-    differencer.ReportDifferencesToString(&report);
-    if (any_token) {
-        differencer.IgnoreField(
-                VelmarMessage::descriptor()->FindFieldByNumber(VelmarMessage::kTokenFieldNumber));
-    }
-    if (actual.decoded && differencer.Compare(expected, actual.message)) return "";
-
-    std::string text =
-            "the message differs" + ExpectedActual(DescribeMessage(expected.SerializeAsString()),
-                                                   DescribeMessage(actual.bytes));
-    std::istringstream lines(report);
-    for (std::string line; std::getline(lines, line);) {
-        text += "\n  " + line.substr(0, kMaxDifferenceLine);
-    }
-    return text;
-}
-
-std::string FileDifference(const FileState& expected, const PhoneFolder& folder) {
-    const std::string& path = expected.path();
-    const std::optional<mode_t> mode = folder.Mode(path);
-    if (expected.missing()) return mode ? path + " exists, expected none" : "";
-    if (!mode) return path + " does not exist";
-    if (expected.has_mode() && mode != ModeFromText(expected.mode())) {
-        return path + " has another mode" + ExpectedActual(expected.mode(), ModeText(*mode));
-    }
-    if (!expected.has_content() && !expected.has_matching()) return "";
-    const std::string content = folder.ReadFile(path).value_or("");
-    if (expected.has_content() && content != expected.content()) {
-        const auto same = std::mismatch(content.begin(), content.end(), expected.content().begin(),
-                                        expected.content().end());
-        return path + " has other content, from byte " +
-               std::to_string(same.first - content.begin()) + " on" +
-               ExpectedActual(QuoteBytes(expected.content()), QuoteBytes(content));
-    }
-    if (expected.has_matching() && !MatchesPattern(content, std::regex(expected.matching()))) {
-        return path + " has content that does not match" +
-               ExpectedActual("/" + expected.matching() + "/", QuoteBytes(content));
-    }
-    return "";
-}
-
-std::string PropertyDifference(const PropertyState& expected, const PhoneFolder& folder) {
-    const auto describe = [](const std::optional<std::string>& value) {
-        return value ? QuoteBytes(*value) : std::string("unset");
-    };
-    const std::optional<std::string> actual = folder.GetProperty(expected.name());
-    const auto wanted = expected.unset() ? std::nullopt : std::make_optional(expected.value());
-    if (actual == wanted) return "";
-    return "property " + expected.name() + " differs" +
-           ExpectedActual(describe(wanted), describe(actual));
 }
 
 // Whether the step acts on the phone in a way that neither the modem nor the service shows.
@@ -183,6 +112,8 @@ void StepPlayer::PlayStep(const Step& step) {
         case Step::kHangUp:
             AwaitChannel();
             return phone->modem().HangUp();
+        case Step::kPush:
+            return PushFile(step.push());
         case Step::kSignal:
             return SendSignal(step.signal());
         case Step::kClient:
@@ -201,6 +132,8 @@ void StepPlayer::PlayStep(const Step& step) {
             return AwaitRight([&] { return FileDifference(step.file(), folder); });
         case Step::kProperty:
             return AwaitRight([&] { return PropertyDifference(step.property(), folder); });
+        case Step::kThermal:
+            return AwaitThermalWrites(step.thermal());
         case Step::kSetProperty:
             return folder.SetProperty(step.set_property().name(), step.set_property().value());
         case Step::kWriteFile:
@@ -234,10 +167,7 @@ void StepPlayer::Send(const Step& step) {
 
 void StepPlayer::Expect(const Step& step) {
     const std::optional<ReceivedMessage> message = Receive(within);
-    if (!message) {
-        throw StepFailure("no message came within " + std::to_string(within.count()) + " ms" +
-                          ExpectedActual(DescribeMessage(step.expect().SerializeAsString()), "-"));
-    }
+    if (!message) throw StepFailure(NoMessage(step.expect()));
     const std::string difference = MessageDifference(step.expect(), *message, step.any_token());
     if (!difference.empty()) throw StepFailure(difference);
 }
@@ -247,6 +177,41 @@ void StepPlayer::ExpectNothing(const Silence& silence) {
     if (message) {
         throw StepFailure("a message came" + ExpectedActual("-", DescribeMessage(message->bytes)));
     }
+}
+
+void StepPlayer::PushFile(const Push& push) {
+    AwaitChannel();
+    FilePush file(push, phone->folder());
+    const std::string whole = std::to_string(file.size()) + " bytes in " +
+                              std::to_string(file.chunk_count()) + " chunks to " + file.target();
+    show->OnEvent("push " + whole);
+    const auto begin = Clock::now();
+    file.Next();
+    SendChunk(file);
+    {
+        const TranscriptSummary summary(show);
+        while (file.Next()) {
+            SendChunk(file);
+            show->ShowProgress(file.done(), file.size());
+        }
+        AwaitRight([&] { return file.StoredDifference(); });
+    }
+    const std::chrono::duration<double> taken = Clock::now() - begin;
+    show->OnEvent("pushed and compared " + whole + ": " + RateText(file.size(), taken));
+}
+
+void StepPlayer::SendChunk(const FilePush& file) {
+    try {
+        phone->modem().Send(file.message());
+    } catch (const std::runtime_error& error) {
+        throw StepFailure(file.ChunkName() + ": " + error.what());
+    }
+    const std::optional<VelmarMessage> answer = file.Answer();
+    if (!answer) return CheckService();
+    const std::optional<ReceivedMessage> message = Receive(within);
+    if (!message) throw StepFailure(file.ChunkName() + ": " + NoMessage(*answer));
+    const std::string difference = MessageDifference(*answer, *message, false);
+    if (!difference.empty()) throw StepFailure(file.ChunkName() + ": " + difference);
 }
 
 void StepPlayer::SetAnswer(const Answer& answer) {
@@ -337,6 +302,15 @@ void StepPlayer::RefuseLog(const LogPattern& pattern) {
     }
 }
 
+void StepPlayer::AwaitThermalWrites(const ThermalWrites& expected) {
+    std::vector<std::string> writes;
+    AwaitRight([&] {
+        writes = phone->modem().ThermalWrites();
+        return ThermalDifference(expected, writes, thermal_position);
+    });
+    thermal_position = writes.size();
+}
+
 void StepPlayer::InjectFault(const Fault& fault) {
     FaultRule rule;
     rule.call = fault.call();
@@ -346,6 +320,12 @@ void StepPlayer::InjectFault(const Fault& fault) {
     rule.times = static_cast<int>(fault.times());
     rule.skip = static_cast<int>(fault.skip());
     phone->modem().AddFault(rule);
+}
+
+// Says that the step's time has passed without this message.
+std::string StepPlayer::NoMessage(const VelmarMessage& expected) const {
+    return "no message came within " + std::to_string(within.count()) + " ms" +
+           ExpectedActual(DescribeMessage(expected.SerializeAsString()), "-");
 }
 
 StepPlayer::Milliseconds StepPlayer::Scaled(uint32_t ms) const {

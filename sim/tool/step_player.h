@@ -8,6 +8,7 @@
 #include <string>
 
 #include "sim/tool/child_process.h"
+#include "sim/tool/file_push.h"
 #include "sim/tool/log_stream.h"
 #include "sim/tool/scenario.pb.h"
 #include "sim/tool/simulated_phone.h"
@@ -44,6 +45,8 @@ class StepPlayer {
     void Send(const Step& step);
     void Expect(const Step& step);
     void ExpectNothing(const Silence& silence);
+    void PushFile(const Push& push);
+    void SendChunk(const FilePush& file);
     void SetAnswer(const Answer& answer);
     void SendSignal(const std::string& name);
     void RunClient(const Client& client);
@@ -52,8 +55,10 @@ class StepPlayer {
     void StartService();
     void AwaitLog(const LogPattern& pattern);
     void RefuseLog(const LogPattern& pattern);
+    void AwaitThermalWrites(const ThermalWrites& expected);
     void InjectFault(const Fault& fault);
 
+    std::string NoMessage(const velmar_message::VelmarMessage& expected) const;
     Milliseconds Scaled(uint32_t ms) const;
     void AwaitChannel();
     bool WaitFor(Milliseconds limit, const std::function<bool(Milliseconds)>& attempt);
@@ -76,6 +81,8 @@ class StepPlayer {
     int current = 0;
     // Log lines before this one are done with.
     size_t log_position = 0;
+    // The same of writes to the thermal node.
+    size_t thermal_position = 0;
 };
 
 }  // namespace velmar_sim

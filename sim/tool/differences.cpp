@@ -1,0 +1,103 @@
+#include "sim/tool/differences.h"
+
+#include <algorithm>
+#include <sstream>
+
+#include "google/protobuf/util/message_differencer.h"
+
+#include "sim/tool/message_text.h"
+#include "sim/tool/names.h"
+
+namespace velmar_sim {
+
+namespace {
+
+using google::protobuf::util::MessageDifferencer;
+using velmar_message::VelmarMessage;
+
+// The matcher's recursion grows with the text.
+constexpr size_t kMaxMatchedText = 8192;
+constexpr size_t kMaxDifferenceLine = 200;
+
+}  // namespace
+
+std::string ExpectedActual(const std::string& expected, const std::string& actual) {
+    return "\n  expected: " + expected + "\n  actual:   " + actual;
+}
+
+bool MatchesPattern(const std::string& text, const std::regex& pattern) {
+    return text.size() <= kMaxMatchedText && std::regex_match(text, pattern);
+}
+
+std::string MessageDifference(const VelmarMessage& expected, const ReceivedMessage& actual,
+                              bool any_token) {
+    MessageDifferencer differencer;
+    std::string report;
+    differencer.ReportDifferencesToString(&report);
+    if (any_token) {
+        differencer.IgnoreField(
+                VelmarMessage::descriptor()->FindFieldByNumber(VelmarMessage::kTokenFieldNumber));
+    }
+    if (actual.decoded && differencer.Compare(expected, actual.message)) return "";
+
+    std::string text =
+            "the message differs" + ExpectedActual(DescribeMessage(expected.SerializeAsString()),
+                                                   DescribeMessage(actual.bytes));
+    std::istringstream lines(report);
+    for (std::string line; std::getline(lines, line);) {
+        text += "\n  " + line.substr(0, kMaxDifferenceLine);
+    }
+    return text;
+}
+
+std::string FileDifference(const FileState& expected, const PhoneFolder& folder) {
+    const std::string& path = expected.path();
+    const std::optional<mode_t> mode = folder.Mode(path);
+    if (expected.missing()) return mode ? path + " exists, expected none" : "";
+    if (!mode) return path + " does not exist";
+    if (expected.has_mode() && mode != ModeFromText(expected.mode())) {
+        return path + " has another mode" + ExpectedActual(expected.mode(), ModeText(*mode));
+    }
+    if (!expected.has_content() && !expected.has_matching()) return "";
+    const std::string content = folder.ReadFile(path).value_or("");
+    if (expected.has_content() && content != expected.content()) {
+        const auto same = std::mismatch(content.begin(), content.end(), expected.content().begin(),
+                                        expected.content().end());
+        return path + " has other content, from byte " +
+               std::to_string(same.first - content.begin()) + " on" +
+               ExpectedActual(QuoteBytes(expected.content()), QuoteBytes(content));
+    }
+    if (expected.has_matching() && !MatchesPattern(content, std::regex(expected.matching()))) {
+        return path + " has content that does not match" +
+               ExpectedActual("/" + expected.matching() + "/", QuoteBytes(content));
+    }
+    return "";
+}
+
+std::string PropertyDifference(const PropertyState& expected, const PhoneFolder& folder) {
+    const auto describe = [](const std::optional<std::string>& value) {
+        return value ? QuoteBytes(*value) : std::string("unset");
+    };
+    const std::optional<std::string> actual = folder.GetProperty(expected.name());
+    const auto wanted = expected.unset() ? std::nullopt : std::make_optional(expected.value());
+    if (actual == wanted) return "";
+    return "property " + expected.name() + " differs" +
+           ExpectedActual(describe(wanted), describe(actual));
+}
+
+std::string ThermalDifference(const ThermalWrites& expected, const std::vector<std::string>& writes,
+                              size_t begin) {
+    const std::vector<std::string> wanted(expected.write().begin(), expected.write().end());
+    const auto first = writes.begin() + static_cast<std::ptrdiff_t>(begin);
+    const std::vector<std::string> actual(first, writes.end());
+    if (actual == wanted) return "";
+    const auto describe = [](const std::vector<std::string>& all) {
+        std::string text;
+        for (const std::string& one : all) text += (text.empty() ? "" : ", ") + QuoteBytes(one);
+        return text.empty() ? std::string("-") : text;
+    };
+    return "the writes to the thermal node differ" +
+           ExpectedActual(describe(wanted), describe(actual));
+}
+
+}  // namespace velmar_sim

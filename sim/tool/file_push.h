@@ -1,0 +1,76 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "android-base/unique_fd.h"
+
+#include "proto/velmar_message.pb.h"
+#include "sim/modem/phone_folder.h"
+#include "sim/tool/scenario.pb.h"
+#include "sim/tool/sha256.h"
+
+namespace velmar_sim {
+
+// What keeps the push from being played, as far as that can be told beforehand; empty when nothing
+// does. Looks at its source. Any thread.
+std::string PushFault(const Push& push);
+
+// A file on its way from the modem to the phone. Its bytes are made or read, hashed and forgotten
+// chunk by chunk. One thread.
+class FilePush {
+  public:
+    // `push`, which has no fault, and `folder` are borrowed. Throws std::runtime_error when the
+    // source cannot be opened.
+    FilePush(const Push& push, const PhoneFolder& folder);
+
+    // Makes the next chunk; false after the last one. Throws std::runtime_error when the source
+    // cannot be read.
+    bool Next();
+
+    // The message that carries the chunk made last.
+    const velmar_message::VelmarMessage& message() const { return chunk; }
+
+    // The answer to it; nothing for an indication.
+    std::optional<velmar_message::VelmarMessage> Answer() const;
+
+    // "chunk 3 of 70 at offset 120000".
+    std::string ChunkName() const;
+
+    // What is wrong with the stored file, once all chunks are sent; empty when nothing is.
+    std::string StoredDifference();
+
+    // Path of the stored file on the phone.
+    const std::string& target() const { return target_path; }
+    uint64_t size() const { return total; }
+    // Bytes in all chunks made so far.
+    uint64_t done() const { return offset + chunk_bytes.size(); }
+    uint64_t chunk_count() const;
+
+  private:
+    // Fills a piece with the bytes that follow those of the last one.
+    using ByteSource = std::function<void(std::string*)>;
+
+    static ByteSource OpenSource(const Push& push);
+
+    const Push& what;
+    const PhoneFolder& phone;
+    const uint64_t total;
+    const std::string target_path;
+    // Keeps the inode of a target of that name from being used again for the new one.
+    const android::base::unique_fd earlier_target;
+    const ByteSource read_source;
+    uint64_t index = 0;
+    uint64_t offset = 0;
+    std::string chunk_bytes;
+    velmar_message::VelmarMessage chunk;
+    Sha256 hash;
+    // Of all that was sent, once it is needed.
+    std::string sent_hash;
+};
+
+}  // namespace velmar_sim
