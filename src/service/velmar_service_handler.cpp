@@ -4,6 +4,7 @@
 
 #include "message/log_tag.h"
 #include "message/velmar_status.h"
+#include "ril/gnss_coex_config.h"
 
 using velmar_message::VelmarMessage;
 
@@ -65,6 +66,8 @@ int VelmarServiceHandler::SendServiceRequest(unsigned int command) {
             return SendExtendedLogRequest();
         case kCommandUserspaceLogEnable:
             return SendUserspaceLogEnableRequest();
+        case kCommandGnssCoexConfig:
+            return LoadGnssCoexConfig();
         default:
             __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Unsupport command type %d", command);
             return kStatusInvalid;

@@ -1,0 +1,137 @@
+#include "ril/ril_client_helper.h"
+
+#include <android/log.h>
+#include <dlfcn.h>
+
+namespace {
+
+constexpr char kLibrary[] = "libsitril-client.so";
+constexpr char kRilLogTag[] = "libsitril-client";
+
+const char* const kClassName = "RilClientHelperDLImpl";
+
+// What an operation returns that has no library to call.
+constexpr int kNotLoaded = 1;
+
+constexpr unsigned int kUsualExtra = 255;
+
+void LogCall(const char* operation) {
+    __android_log_buf_print(LOG_ID_RADIO, ANDROID_LOG_INFO, kRilLogTag, "%s::%s", kClassName,
+                            operation);
+}
+
+template <typename... Arguments>
+int Forward(const void* library, int (*entry)(Arguments...), Arguments... arguments) {
+    if (library == nullptr || entry == nullptr) return kNotLoaded;
+    return entry(arguments...);
+}
+
+}  // namespace
+
+RilClientHelper* RilClientHelper::GetInstance() {
+    static RilClientHelper* instance;
+    if (instance != nullptr) return instance;
+    auto* created = new RilClientHelperDLImpl();
+    __android_log_buf_print(LOG_ID_RADIO, ANDROID_LOG_INFO, kRilLogTag, "%s::%s create instance",
+                            kClassName, "RilClientHelperDLImpl");
+    instance = created;
+    // Without the library the instance stands all the same; its operations say so.
+    (void)created->Init();
+    return instance;
+}
+
+RilClientHelperDLImpl::~RilClientHelperDLImpl() {
+    __android_log_buf_print(LOG_ID_RADIO, ANDROID_LOG_INFO, kRilLogTag, "%s::%s release instance",
+                            kClassName, "~RilClientHelperDLImpl");
+    RilClientHelperDLImpl::Release();
+}
+
+template <typename Entry>
+bool RilClientHelperDLImpl::Bind(const char* symbol, Entry* entry) {
+    *entry = reinterpret_cast<Entry>(dlsym(library, symbol));
+    if (*entry != nullptr) return true;
+    __android_log_buf_print(LOG_ID_RADIO, ANDROID_LOG_ERROR, kRilLogTag,
+                            "%s::%s error: dlsym failure(%s)", kClassName, "Init", symbol);
+    return false;
+}
+
+bool RilClientHelperDLImpl::Init() {
+    LogCall("Init");
+    library = dlopen(kLibrary, RTLD_NOW);
+    if (library == nullptr) {
+        __android_log_buf_print(LOG_ID_RADIO, ANDROID_LOG_ERROR, kRilLogTag,
+                                "%s::%s error: dlopen failure", kClassName, "Init");
+        return false;
+    }
+    bool complete = Bind("RILC_Open", &RILC_Open) && Bind("RILC_OpenV2", &RILC_OpenV2) &&
+                    Bind("RILC_Close", &RILC_Close) && Bind("RILC_Reconnect", &RILC_Reconnect) &&
+                    Bind("RILC_RegisterUnsolicitedHandler", &RILC_RegisterUnsolicitedHandler) &&
+                    Bind("RILC_Send", &RILC_Send) &&
+                    Bind("RILC_SetIndicationFilter", &RILC_SetIndicationFilter);
+    if (!complete) Release();
+    return complete;
+}
+
+void RilClientHelperDLImpl::Release() {
+    LogCall("Release");
+    // The library stays mapped: a thread of its own may still run in it, and a late answer be on
+    // its way.
+    library = nullptr;
+    RILC_Open = nullptr;
+    RILC_OpenV2 = nullptr;
+    RILC_Close = nullptr;
+    RILC_Reconnect = nullptr;
+    RILC_RegisterUnsolicitedHandler = nullptr;
+    // The filter's entry point, which follows, deliberately stays: nothing is called without
+    // `library`.
+    RILC_Send = nullptr;
+}
+
+void* RilClientHelperDLImpl::Open() {
+    LogCall("Open");
+    if (library != nullptr && RILC_Open != nullptr) client = RILC_Open();
+    return client;
+}
+
+void* RilClientHelperDLImpl::Open(const char* name) {
+    LogCall("Open");
+    if (library != nullptr && RILC_OpenV2 != nullptr) client = RILC_OpenV2(name);
+    return client;
+}
+
+int RilClientHelperDLImpl::Close(void* handle) {
+    LogCall("Close");
+    if (handle == nullptr) return kNotLoaded;
+    return Forward(library, RILC_Close, handle);
+}
+
+int RilClientHelperDLImpl::Reconnect(void* handle) {
+    LogCall("Reconnect");
+    return Forward(library, RILC_Reconnect, handle);
+}
+
+int RilClientHelperDLImpl::Send(void* handle, unsigned int request, void* data, size_t length,
+                                RilResponseCallback callback) {
+    return Send(handle, request, data, length, callback, kUsualExtra);
+}
+
+int RilClientHelperDLImpl::Send(void* handle, unsigned int request, void* data, size_t length,
+                                RilResponseCallback callback, unsigned int extra) {
+    LogCall("Send");
+    return Forward(library, RILC_Send, handle, request, data, length, callback, extra);
+}
+
+int RilClientHelperDLImpl::RegisterUnsolicitedResponseHandler(void* handle,
+                                                              RilUnsolicitedCallback handler) {
+    LogCall("RegisterUnsolicitedResponseHandler");
+    return Forward(library, RILC_RegisterUnsolicitedHandler, handle, handler);
+}
+
+int RilClientHelperDLImpl::SetIndicationFilter(void* handle, int* filter, size_t size) {
+    LogCall("SetIndicationFilter");
+    // Deliberately an error line, though nothing has failed.
+    __android_log_buf_print(LOG_ID_RADIO, ANDROID_LOG_ERROR, kRilLogTag,
+                            "%s::%s filter=%p size=%zu", kClassName, "SetIndicationFilter",
+                            static_cast<void*>(filter), size);
+    return Forward(library, RILC_SetIndicationFilter, handle, filter, size);
+}

@@ -1,0 +1,98 @@
+#include "ril/ril_helper.h"
+
+#include <unistd.h>
+
+#include <chrono>
+#include <thread>
+
+using std::chrono::seconds;
+using std::chrono::steady_clock;
+
+namespace {
+
+constexpr seconds kAnswerTimeout{5};
+
+// What one repetition costs of the budget, and how long the pause before it is at most.
+constexpr int kRetrySeconds = 5;
+
+// The callbacks that run at this moment, and whether the process exits.
+std::atomic<int> running_callbacks{0};
+std::atomic<bool> exiting{false};
+
+// The library's threads do not know that the process exits. Callbacks that come from then on are
+// turned away, and those under way are waited for, before the instance that they use goes.
+class ExitGate {
+  public:
+    ExitGate() = default;
+    ~ExitGate() {
+        exiting = true;
+        while (running_callbacks != 0) std::this_thread::yield();
+    }
+
+    ExitGate(const ExitGate&) = delete;
+    ExitGate& operator=(const ExitGate&) = delete;
+};
+
+}  // namespace
+
+std::unique_ptr<RilRequestHelper> RilRequestHelper::instance;
+
+namespace {
+
+// Defined after the instance, so that it is destroyed before it.
+ExitGate exit_gate;
+
+}  // namespace
+
+RilRequestHelper* RilRequestHelper::GetInstance() {
+    if (instance) return instance.get();
+    instance.reset(new RilRequestHelper());
+    instance->client_helper = RilClientHelper::GetInstance();
+    if (instance->client_helper != nullptr) instance->client = instance->client_helper->Open();
+    if (instance->client == nullptr) instance.reset();
+    return instance.get();
+}
+
+void RilRequestHelper::Response(unsigned int /*request*/, int code, void* /*data*/,
+                                unsigned long /*length*/, unsigned int /*extra*/) {
+    ++running_callbacks;
+    RilRequestHelper* helper = exiting ? nullptr : GetInstance();
+    if (helper != nullptr) {
+        helper->error = code;
+        helper->received = true;
+        helper->response_cond.notify_one();
+    }
+    --running_callbacks;
+}
+
+int RilRequestHelper::Send(unsigned int request, void* data, unsigned long length,
+                           int timeout_seconds) {
+    std::lock_guard<std::mutex> send_guard(send_lock);
+    std::unique_lock<std::mutex> wait_guard(wait_lock);
+    if (timeout_seconds < 0) return kRilInvalidArguments;
+    int remaining = timeout_seconds;
+    while (true) {
+        int result = SendOnce(request, data, length, &wait_guard);
+        if (result != kRilRadioNotAvailable) return result;
+        if (timeout_seconds != 0 && remaining <= kRetrySeconds) return result;
+        remaining -= kRetrySeconds;
+        // A budget of 0 deliberately comes to a pause without end: -5, taken as unsigned.
+        sleep(static_cast<unsigned int>(remaining < kRetrySeconds ? remaining : kRetrySeconds));
+    }
+}
+
+int RilRequestHelper::SendOnce(unsigned int request, void* data, unsigned long length,
+                               std::unique_lock<std::mutex>* wait_guard) {
+    received = false;
+    error = kRilSuccess;
+    // Whether the library took the request shows in its answer alone.
+    client_helper->Send(client, request, data, length, Response);
+    // The callback takes no lock and may notify between the test and the wait; its answer is then
+    // found at the deadline.
+    auto deadline = steady_clock::now() + kAnswerTimeout;
+    if (!response_cond.wait_until(*wait_guard, deadline, [this] { return received.load(); })) {
+        error = kRilInvalidResponse;
+        return kRilInvalidResponse;
+    }
+    return error;
+}
