@@ -96,6 +96,13 @@ TEST(ScenarioReader, BadScenariosAreNamedByFileAndLine) {
              "f:1: fault: expected error or length"},
             {"step { answer { payload: \"token\" } }",
              "f:1: answer: expected a payload such as \"modem_stat_message\", found \"token\""},
+            {"step { radio { answer { none: true twice: true } } }",
+             "f:1: radio: expected nothing beside none in an answer"},
+            {"step { radio_request { request: 1 } }",
+             "f:1: radio_request: expected request and data"},
+            {"phone { missing_entry_point: \"RILC_Opem\" } step { running {} }",
+             "f:1: missing_entry_point: expected an entry point such as \"RILC_Send\", found "
+             "\"RILC_Opem\""},
             {"step { send {} any_token: true }",
              "f:1: send: any_token: expected an expect with it"},
             {"step { push {} }", "f:1: push: expected source or generated"},
@@ -478,7 +485,7 @@ class ToolTest : public testing::Test {
         velmar_sim::Launch launch;
         launch.executable = VELMAR_SIM_PATH;
         launch.arguments = std::move(options);
-        launch.variable = "TMPDIR=" + temporary.path;
+        launch.variables = {"TMPDIR=" + temporary.path};
         StartProgram(launch);
     }
 
@@ -544,6 +551,9 @@ TEST_F(ToolTest, VerdictsAndExitStatuses) {
         std::vector<std::string> output;
     };
     const std::string log_line = "echo \"velmar E 01-02 03:04:05  1  2 one\" >&2";
+    const std::string radio_calls =
+            "(echo 1 RILC_Open; echo 2 RILC_Send client=open request=226 extra=255 "
+            "data=050103000a004e00feff) > $VELMAR_PHONE_ROOT/radio_calls; sleep 60";
     const Case cases[] = {
             {"step { running {}", 2, {"s:1:18: Expected identifier"}},
             {ShellPhone("exit 3") + "step { exit { status: 3 } }",
@@ -593,6 +603,24 @@ TEST_F(ToolTest, VerdictsAndExitStatuses) {
              1,
              {"s:2: velmar has not opened the channel within 9 ms"}},
             {"phone { no_server: true }\nstep { running {} }", 1, {"s:2: velmar does not run"}},
+            {"phone { no_server: true }\nstep { radio_request { request: 7 data: 'a' } within_ms: "
+             "9 }",
+             1,
+             {"s:2: no request reached the radio within 9 ms\n  expected: request 7  61\n"}},
+            {ShellPhone(radio_calls) + "step { radio_request { request: 226 data: 'a' } }",
+             1,
+             {"s:2: the request to the radio differs\n  expected: request 226  61\n  actual:   "
+              "request 226  05 01 03 00 0a 00 4e 00 fe ff  kind 5, band 3 value 10, band 78 value "
+              "-2\n",
+              "velmar -> radio  RILC_Open\n"}},
+            {ShellPhone(radio_calls) + "step { no_radio_request { for_ms: 9000 } }",
+             1,
+             {"s:2: a request reached the radio"}},
+            {"phone { missing_entry_point: 'RILC_Send' argument: '-c'\n"
+             "argument: 'echo $LD_LIBRARY_PATH; sleep 60' }\n"
+             "step { log { tag: 'stdout' matching: '/bin/../lib/ril/without_RILC_Send.*' } }",
+             0,
+             {}},
             {"phone { no_server: true }\nstep { thermal { write: 'a' } within_ms: 9 }",
              1,
              {"s:2: the writes to the thermal node differ\n  expected: \"a\"\n  actual:   -\n"}},
@@ -667,7 +695,7 @@ TEST_F(ToolTest, ATerminalShowsABar) {
     launch.executable = "/usr/bin/script";
     launch.arguments = {"script", "-qec",
                         std::string(VELMAR_SIM_PATH) + " run --time-factor 4 " + file, "/dev/null"};
-    launch.variable = "TMPDIR=" + temporary.path;
+    launch.variables = {"TMPDIR=" + temporary.path};
     StartProgram(launch);
     Finish();
     EXPECT_EQ(ExitStatus(), 0);

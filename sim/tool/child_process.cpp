@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "sim/modem/errors.h"
@@ -57,11 +58,17 @@ std::vector<char*> Pointers(std::vector<std::string>* texts) {
     return pointers;
 }
 
-std::vector<std::string> Environment(const std::string& variable) {
-    const std::string name = variable.substr(0, variable.find('=') + 1);
-    std::vector<std::string> all = {variable};
+std::string NameOf(const std::string& variable) {
+    return variable.substr(0, variable.find('='));
+}
+
+std::vector<std::string> Environment(const std::vector<std::string>& variables) {
+    std::vector<std::string> all = variables;
     for (char** entry = environ; *entry != nullptr; ++entry) {
-        if (strncmp(*entry, name.c_str(), name.size()) != 0) all.emplace_back(*entry);
+        const bool replaced = std::any_of(
+                variables.begin(), variables.end(),
+                [entry](const std::string& one) { return NameOf(one) == NameOf(*entry); });
+        if (!replaced) all.emplace_back(*entry);
     }
     return all;
 }
@@ -96,7 +103,7 @@ ChildProcess::ChildProcess(const Launch& launch, OutputReader output, OutputRead
     const unique_fd report(report_ends[0]);
     unique_fd reporting(report_ends[1]);
     std::vector<std::string> argument_texts = launch.arguments;
-    std::vector<std::string> environment_texts = Environment(launch.variable);
+    std::vector<std::string> environment_texts = Environment(launch.variables);
     const std::vector<char*> arguments = Pointers(&argument_texts);
     const std::vector<char*> environment = Pointers(&environment_texts);
 

@@ -17,8 +17,8 @@ struct Launch {
     std::string executable;
     // Its name and its arguments.
     std::vector<std::string> arguments;
-    // NAME=VALUE; takes the place of an inherited variable.
-    std::string variable;
+    // NAME=VALUE; each takes the place of an inherited variable.
+    std::vector<std::string> variables;
     mode_t umask = 0077;
 };
 

@@ -7,6 +7,7 @@
 
 #include "sim/tool/message_text.h"
 #include "sim/tool/names.h"
+#include "sim/tool/simulated_radio.h"
 
 namespace velmar_sim {
 
@@ -83,6 +84,12 @@ std::string PropertyDifference(const PropertyState& expected, const PhoneFolder&
     if (actual == wanted) return "";
     return "property " + expected.name() + " differs" +
            ExpectedActual(describe(wanted), describe(actual));
+}
+
+std::string RadioDifference(const RadioRequest& expected, const RadioRequest& actual) {
+    if (expected.request() == actual.request() && expected.data() == actual.data()) return "";
+    return "the request to the radio differs" +
+           ExpectedActual(DescribeRadioRequest(expected), DescribeRadioRequest(actual));
 }
 
 std::string ThermalDifference(const ThermalWrites& expected, const std::vector<std::string>& writes,

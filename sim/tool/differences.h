@@ -30,4 +30,6 @@ std::string PropertyDifference(const PropertyState& expected, const PhoneFolder&
 std::string ThermalDifference(const ThermalWrites& expected, const std::vector<std::string>& writes,
                               size_t begin);
 
+std::string RadioDifference(const RadioRequest& expected, const RadioRequest& actual);
+
 }  // namespace velmar_sim

@@ -27,6 +27,14 @@ using velmar_message::VelmarMessage;
 constexpr const char* kFaultCalls[] = {"open",  "stat",   "read",   "write", "select", "poll",
                                        "ioctl", "unlink", "rename", "chmod", "close"};
 
+constexpr const char* kEntryPoints[] = {"RILC_Open",
+                                        "RILC_OpenV2",
+                                        "RILC_Close",
+                                        "RILC_Reconnect",
+                                        "RILC_RegisterUnsolicitedHandler",
+                                        "RILC_Send",
+                                        "RILC_SetIndicationFilter"};
+
 // The functions below say what is wrong with a part of a scenario; an empty text is no fault.
 
 std::string FirstOf(std::initializer_list<std::string> faults) {
@@ -119,6 +127,19 @@ std::string FaultOf(const Fault& fault) {
                              "an error such as \"EIO\"", fault.error())});
 }
 
+std::string FaultOf(const Radio& radio) {
+    for (const RadioAnswer& answer : radio.answer()) {
+        const bool says_how =
+                answer.has_error() || answer.early() || answer.twice() || answer.has_delay_ms();
+        if (answer.none() && says_how) return "expected nothing beside none in an answer";
+    }
+    return "";
+}
+
+std::string FaultOf(const RadioRequest& request) {
+    return Unless(request.has_request() && request.has_data(), "expected request and data");
+}
+
 std::string FaultOf(const Step& step) {
     if (step.any_token() && !step.has_expect()) return "any_token: expected an expect with it";
     switch (step.action_case()) {
@@ -151,6 +172,10 @@ std::string FaultOf(const Step& step) {
             return PathFault(step.remove_file());
         case Step::kFault:
             return FaultOf(step.fault());
+        case Step::kRadio:
+            return FaultOf(step.radio());
+        case Step::kRadioRequest:
+            return FaultOf(step.radio_request());
         default:
             return "";
     }
@@ -201,6 +226,14 @@ void CheckPhone(const Phone& phone, const TextFormat::ParseInfoTree& tree, Fault
     }
     for (int i = 0; i < phone.missing_size(); ++i) {
         faults->Check(line_of("missing", i), "missing", PathFault(phone.missing(i)));
+    }
+    faults->Check(line_of("radio", -1), "radio", FaultOf(phone.radio()));
+    if (phone.has_missing_entry_point()) {
+        const std::string& name = phone.missing_entry_point();
+        const bool known = std::find(std::begin(kEntryPoints), std::end(kEntryPoints), name) !=
+                           std::end(kEntryPoints);
+        faults->Check(line_of("missing_entry_point", -1), "missing_entry_point",
+                      Expected(known, "an entry point such as \"RILC_Send\"", name));
     }
     if (phone.has_umask()) faults->Check(line_of("umask", -1), "umask", ModeFault(phone.umask()));
 }

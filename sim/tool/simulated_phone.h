@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -10,6 +11,7 @@
 #include "sim/tool/janitor.h"
 #include "sim/tool/log_stream.h"
 #include "sim/tool/scenario.pb.h"
+#include "sim/tool/simulated_radio.h"
 #include "sim/tool/transcript.h"
 
 namespace velmar_sim {
@@ -31,18 +33,23 @@ class SimulatedPhone {
 
     const PhoneFolder& folder() const { return phone_folder; }
     SimulatedModem& modem() { return phone_modem; }
+    SimulatedRadio& radio() { return phone_radio; }
     LogStream& log() { return phone_log; }
 
   private:
     ChildProcess::OutputReader ToLog(const char* plain_tag);
+    std::string LibraryPathVariable() const;
 
     Transcript* const show;
     const std::string executable;
     mode_t umask_of_programs;
+    // Below the folder of the service's libraries; nothing when the phone has no radio library.
+    const std::optional<std::string> radio_library;
     Janitor janitor;
     PhoneFolder phone_folder;
     LogStream phone_log;
     SimulatedModem phone_modem;
+    SimulatedRadio phone_radio;
 };
 
 }  // namespace velmar_sim

@@ -43,7 +43,7 @@ std::string DescribePattern(const LogPattern& pattern) {
 // Whether the step acts on the phone in a way that neither the modem nor the service shows.
 bool ChangesPhone(const Step& step) {
     return step.has_set_property() || step.has_write_file() || step.has_remove_file() ||
-           step.has_fault() || step.has_clear_faults();
+           step.has_fault() || step.has_clear_faults() || step.has_radio();
 }
 
 bool IsExpectedEnd(const Exit& exit, int status) {
@@ -87,6 +87,7 @@ void StepPlayer::PlaySteps() {
 void StepPlayer::EndService() {
     service_expected = false;
     if (service != nullptr) service->Kill();
+    phone->radio().Look();
 }
 
 void StepPlayer::PlayStep(const Step& step) {
@@ -145,6 +146,12 @@ void StepPlayer::PlayStep(const Step& step) {
             return InjectFault(step.fault());
         case Step::kClearFaults:
             return phone->modem().ClearFaults();
+        case Step::kRadio:
+            return phone->radio().Behave(step.radio());
+        case Step::kRadioRequest:
+            return ExpectRadioRequest(step.radio_request());
+        case Step::kNoRadioRequest:
+            return RefuseRadioRequest(step.no_radio_request());
         case Step::kPauseMs:
             WaitFor(Scaled(step.pause_ms()), [](Milliseconds slice) {
                 std::this_thread::sleep_for(slice);
@@ -328,6 +335,32 @@ std::string StepPlayer::NoMessage(const VelmarMessage& expected) const {
            ExpectedActual(DescribeMessage(expected.SerializeAsString()), "-");
 }
 
+std::optional<RadioRequest> StepPlayer::ReceiveRadioRequest(Milliseconds limit) {
+    std::optional<RadioRequest> request;
+    WaitFor(limit, [&](Milliseconds slice) {
+        request = phone->radio().Receive(slice);
+        return request.has_value();
+    });
+    return request;
+}
+
+void StepPlayer::ExpectRadioRequest(const RadioRequest& expected) {
+    const std::optional<RadioRequest> actual = ReceiveRadioRequest(within);
+    if (!actual) {
+        throw StepFailure("no request reached the radio within " + std::to_string(within.count()) +
+                          " ms" + ExpectedActual(DescribeRadioRequest(expected), "-"));
+    }
+    const std::string difference = RadioDifference(expected, *actual);
+    if (!difference.empty()) throw StepFailure(difference);
+}
+
+void StepPlayer::RefuseRadioRequest(const Silence& silence) {
+    const std::optional<RadioRequest> request = ReceiveRadioRequest(Scaled(silence.for_ms()));
+    if (!request) return;
+    throw StepFailure("a request reached the radio" +
+                      ExpectedActual("-", DescribeRadioRequest(*request)));
+}
+
 StepPlayer::Milliseconds StepPlayer::Scaled(uint32_t ms) const {
     return Milliseconds(static_cast<Milliseconds::rep>(ms * time_factor));
 }
@@ -397,6 +430,7 @@ void StepPlayer::AwaitRight(const std::function<std::string()>& find_difference)
 }
 
 void StepPlayer::CheckService() {
+    phone->radio().Look();
     if (!service_expected || service->IsRunning() || ExitFollows()) return;
     throw StepFailure("velmar ended unexpectedly: " +
                       ChildProcess::DescribeEnd(service->wait_status()));

@@ -57,6 +57,9 @@ class StepPlayer {
     void RefuseLog(const LogPattern& pattern);
     void AwaitThermalWrites(const ThermalWrites& expected);
     void InjectFault(const Fault& fault);
+    std::optional<RadioRequest> ReceiveRadioRequest(Milliseconds limit);
+    void ExpectRadioRequest(const RadioRequest& expected);
+    void RefuseRadioRequest(const Silence& silence);
 
     std::string NoMessage(const velmar_message::VelmarMessage& expected) const;
     Milliseconds Scaled(uint32_t ms) const;

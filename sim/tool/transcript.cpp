@@ -62,6 +62,10 @@ void Transcript::Log(const LogLine& line) {
     Print({Clock::now(), kFaint, "log  " + DescribeLogLine(line)});
 }
 
+void Transcript::OnRadioCall(Clock::time_point time, const std::string& text) {
+    Print({time, kGreen, "velmar -> radio  " + text});
+}
+
 void Transcript::OnSent(const std::string& bytes) {
     Print({Clock::now(), kCyan, "modem -> velmar  " + DescribeMessage(bytes)});
 }

@@ -21,6 +21,8 @@ class Transcript : public ModemObserver {
     // A heading, in a line of its own without a time.
     void Say(const std::string& text);
     void Log(const LogLine& line);
+    // A call of the radio's client library, as `text` has it, that was made at `time`.
+    void OnRadioCall(Clock::time_point time, const std::string& text);
 
     // From here to EndSummary only the last lines are shown, and those in the end, after a count of
     // the others: for long stretches of the same.

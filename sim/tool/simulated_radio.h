@@ -1,0 +1,49 @@
+#pragma once
+
+#include <chrono>
+#include <deque>
+#include <optional>
+#include <string>
+
+#include "sim/modem/phone_folder.h"
+#include "sim/tool/scenario.pb.h"
+#include "sim/tool/transcript.h"
+
+namespace velmar_sim {
+
+// One line: the request's number and its bytes, decoded if they are an entry of the GNSS
+// coexistence configuration. Any thread.
+std::string DescribeRadioRequest(const RadioRequest& request);
+
+// The radio of a simulated phone, behind the client library that the service loads. Operations
+// belong to the main thread; those that fail throw std::runtime_error.
+class SimulatedRadio {
+  public:
+    // Both arguments are borrowed.
+    SimulatedRadio(const PhoneFolder& phone_folder, Transcript* transcript)
+        : folder(phone_folder), show(transcript) {}
+
+    // How the radio behaves from now on.
+    void Behave(const Radio& radio) const;
+
+    // Shows what has reached the radio since the last look.
+    void Look();
+
+    // The oldest request that has not been taken yet; waits up to `timeout` for one.
+    std::optional<RadioRequest> Receive(std::chrono::milliseconds timeout);
+
+    // The folder, below that of a build's libraries, with the client library that a phone of this
+    // description has; nothing when it has none.
+    static std::optional<std::string> LibraryFolder(const Phone& description);
+
+  private:
+    void OnCall(const std::string& line);
+
+    const PhoneFolder& folder;
+    Transcript* const show;
+    std::deque<RadioRequest> requests;
+    // How much of the list of calls has been looked at.
+    std::streamoff position = 0;
+};
+
+}  // namespace velmar_sim
