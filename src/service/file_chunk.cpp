@@ -32,19 +32,6 @@ constexpr FileChunkOutcome kFailed = {false, velmar_message::FILE_RESULT_DEFAULT
 constexpr FileChunkOutcome kBadDirectory = {false, velmar_message::FILE_RESULT_BAD_DIRECTORY};
 constexpr FileChunkOutcome kBadOffset = {false, velmar_message::FILE_RESULT_BAD_OFFSET};
 
-// Holds the process's umask at 0 for the length of a scope.
-class OpenUmask {
-  public:
-    OpenUmask() : saved(umask(0)) {}
-    ~OpenUmask() { umask(saved); }
-
-    OpenUmask(const OpenUmask&) = delete;
-    OpenUmask& operator=(const OpenUmask&) = delete;
-
-  private:
-    mode_t saved;
-};
-
 void CopyThroughBuffer(int from, int to) {
     std::unique_ptr<char[]> buffer(new char[kCopyBufferBytes]);
     while (true) {
@@ -104,6 +91,9 @@ bool CopyToTarget(const std::string& temp_path, const std::string& target_path) 
         __android_log_print(ANDROID_LOG_ERROR, kLogTag, "File transfer failed.");
         return false;
     }
+    // The mode is set on the file, since the umask is the whole process's and the main thread may
+    // be making the pid file.
+    fchmod(target, kTargetMode);
     CopyFile(temp, target);
     return true;
 }
@@ -112,7 +102,6 @@ bool CopyToTarget(const std::string& temp_path, const std::string& target_path) 
 bool ReplaceTarget(const std::string& temp_path, const std::string& prefix,
                    const std::string& target_path) {
     unlink(target_path.c_str());
-    OpenUmask open_umask;
     struct stat status;
     if (stat(prefix.c_str(), &status) != 0) {
         __android_log_print(ANDROID_LOG_ERROR, kLogTag,

@@ -35,6 +35,5 @@ struct FileChunkOutcome {
 
 // Appends a chunk to the temporary file of its name. Once that has reached the size of the whole
 // file, copies it into the chunk's directory and deletes it. The temporary file's size is all the
-// state there is between chunks. Logs each failure. Sets the process's umask to 0 while it copies.
-// IO thread only.
+// state there is between chunks. Logs each failure. IO thread only.
 FileChunkOutcome StoreFileChunk(const FileChunk& chunk, const FileChunkLines& lines);
