@@ -37,19 +37,19 @@ std::unique_ptr<SitMessage> Request() {
 
 TEST(TokenGenTest, TokensWrapBeforeTheOneThatMeansNone) {
     TokenGenAt tokens(0xFFFFFFFC);
-    std::vector<unsigned int> taken;
-    for (int i = 0; i < 5; ++i) taken.push_back(tokens.GetNext());
+    std::vector<unsigned int> taken(5);
+    for (unsigned int& token : taken) token = tokens.GetNext();
     EXPECT_THAT(taken, ElementsAre(0xFFFFFFFC, 0xFFFFFFFD, 0xFFFFFFFE, 0u, 1u));
 }
 
 TEST(TokenGenTest, ThreadsNeverShareAToken) {
-    constexpr int kEach = 20000;
+    constexpr size_t kEach = 20000;
     TokenGenAt tokens(0);
     std::vector<unsigned int> taken[2];
     std::thread other([&] {
-        for (int i = 0; i < kEach; ++i) taken[0].push_back(tokens.GetNext());
+        for (size_t i = 0; i < kEach; ++i) taken[0].push_back(tokens.GetNext());
     });
-    for (int i = 0; i < kEach; ++i) taken[1].push_back(tokens.GetNext());
+    for (size_t i = 0; i < kEach; ++i) taken[1].push_back(tokens.GetNext());
     other.join();
     std::vector<bool> seen(2 * kEach);
     for (const auto& of_thread : taken) {
