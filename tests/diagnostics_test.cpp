@@ -1,3 +1,5 @@
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -207,6 +209,48 @@ TEST_F(IndicationTest, ModemLinesAreLoggedByLevel) {
                                          "I Got userspace log indication", "I Modem: i",
                                          "I Got userspace log indication", "D Modem: d",
                                          "I Got userspace log indication", "D Modem: d"));
+}
+
+// Keeps the requests instead of sending them.
+class RequestKeeper : public TestHandler {
+  public:
+    int SendRequest(SitMessage* message, unsigned int /*timeout_seconds*/) override {
+        message->GetVelmarMessage()->clear_token();
+        requests.push_back(message->GetVelmarMessage()->ShortDebugString());
+        return kStatusTimeout;
+    }
+    std::vector<std::string> requests;
+};
+
+// The first example below `heading` of the operations manual.
+std::string DocumentedExample(const std::string& heading) {
+    const std::string fence = "```\n";
+    std::ifstream file(VELMAR_OPERATIONS_MANUAL);
+    std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    size_t begin = text.find(fence, text.find("\n## " + heading + "\n")) + fence.size();
+    return text.substr(begin, text.find(fence, begin) - begin);
+}
+
+class DocumentedConfigTest : public PhoneTestCase {};
+
+TEST_F(DocumentedConfigTest, ExamplesAskForWhatTheManualSays) {
+    modem.SetState(kModemStateOnline);
+    RequestKeeper handler;
+    VelmarServiceHandler service(&handler);
+    folder.WriteFile("/vendor/etc/modem_stat.conf",
+                     DocumentedExample("Configuration of the statistics"));
+    folder.WriteFile("/data/vendor/radio/modem_userspace_logging.conf",
+                     DocumentedExample("Configuration of user-space logging"));
+    EXPECT_EQ(service.SendServiceRequest(kCommandDebugStatConfig), kStatusSuccess);
+    EXPECT_EQ(service.SendServiceRequest(kCommandUserspaceLogEnable), kStatusSuccess);
+    const std::string stat = "type: REQUEST message_id: 5 modem_stat_message { enable_request { ";
+    const std::string log_of =
+            "type: REQUEST message_id: 8 userspace_log_message { enable_request { ";
+    EXPECT_THAT(
+            handler.requests,
+            ElementsAre(stat + "module: \"modemA\" value: 1 type: 2 } }",
+                        stat + "module: \"modemB\" value: 0 } }", stat + "module: \"modemC\" } }",
+                        log_of + "name: \"radio\" } }", log_of + "name: \"gnss\" } }"));
 }
 
 class OfflineTest : public PhoneTestCase {};
