@@ -20,6 +20,13 @@ constexpr int kPartsPolls = 3000;
 constexpr unsigned int kStartUpCommands[] = {kCommandDebugStatConfig, kCommandUserspaceLogEnable,
                                              kCommandGnssCoexConfig};
 
+// Deletes a part and only then clears the pointer: a thread that the part still joins may use it.
+template <typename Part>
+void Destroy(std::unique_ptr<Part>* part) {
+    delete part->get();
+    (void)part->release();
+}
+
 SitMessage* Decode(void* data, unsigned int length) {
     return new SitMessage(static_cast<const char*>(data), static_cast<int>(length));
 }
@@ -40,11 +47,12 @@ VelmarMessageHandler::VelmarMessageHandler()
 }
 
 VelmarMessageHandler::~VelmarMessageHandler() {
-    // Each reset joins what thread the part has; the reader goes first, since it uses the others.
-    io_handler.reset();
-    state_monitor.reset();
-    service_handler.reset();
-    delete request_list.exchange(nullptr);
+    // The reader goes first, since it uses the others.
+    Destroy(&io_handler);
+    Destroy(&state_monitor);
+    Destroy(&service_handler);
+    delete request_list.load();
+    request_list = nullptr;
 }
 
 VelmarMessageHandler* VelmarMessageHandler::GetInstance() {
