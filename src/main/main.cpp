@@ -3,6 +3,8 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <cstdint>
+
 #include "main/command_line.h"
 #include "main/pid_file.h"
 #include "main/signal_handler.h"

@@ -1,6 +1,7 @@
 #include <android/log.h>
 #include <sys/stat.h>
 
+#include <cstddef>
 #include <fstream>
 #include <vector>
 

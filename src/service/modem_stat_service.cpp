@@ -4,6 +4,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <string>
+
 #include "message/log_tag.h"
 #include "message/velmar_message_handler.h"
 #include "service/velmar_modem_stat_message.h"

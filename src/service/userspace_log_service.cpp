@@ -1,5 +1,6 @@
 #include <android/log.h>
 
+#include <cstdint>
 #include <fstream>
 #include <string>
 
