@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Checks the format of every C++ file and runs clang-tidy on every source.
+# Checks the scripts, checks the format of every C++ file and runs clang-tidy on every source.
 # Usage: scripts/lint.sh BUILD_DIR    (a build by clang, already built)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -8,6 +8,8 @@ if [ $# -ne 1 ] || [ ! -f "$1/compile_commands.json" ]; then
     echo "lint.sh: expected a build folder with a compile_commands.json, got '$*'" >&2
     exit 2
 fi
+echo "lint.sh: shellcheck"
+git ls-files '*.sh' .ci/run | xargs shellcheck --severity=warning
 echo "lint.sh: clang-format"
 git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run --Werror
 echo "lint.sh: clang-tidy"

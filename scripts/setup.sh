@@ -15,15 +15,13 @@ packages=(
     libgmock-dev libgtest-dev
     strace
 )
-foreign=
 case "${1:-build}" in
     build) ;;
     all)
-        foreign=arm64
         packages+=(
-            clang clang-format clang-tidy git libclang-rt-14-dev libc++-dev libc++abi-dev
+            clang clang-format clang-tidy git libclang-rt-14-dev libc++-dev libc++abi-dev shellcheck
             g++-aarch64-linux-gnu qemu-user-static
-            {libprotobuf,android-liblog,android-libbase,libssl,libgmock,libgtest}-dev:$foreign
+            {libprotobuf,android-liblog,android-libbase,libssl,libgmock,libgtest}-dev:arm64
         )
         ;;
     *)
@@ -32,10 +30,14 @@ case "${1:-build}" in
         ;;
 esac
 
+native=$(dpkg --print-architecture)
+is_installed() {
+    dpkg-query -W -f '${Package}:${Architecture} ${db:Status-Status}\n' "$1" 2>/dev/null |
+        grep -qxF -e "$1 installed" -e "$1:$native installed" -e "$1:all installed"
+}
 missing=()
 for package in "${packages[@]}"; do
-    state=$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null || true)
-    [ "$state" = installed ] || missing+=("$package")
+    is_installed "$package" || missing+=("$package")
 done
 [ ${#missing[@]} -eq 0 ] && exit 0
 
@@ -49,6 +51,10 @@ if [ "$(id -u)" -ne 0 ]; then
     as_root=(sudo)
 fi
 echo "setup.sh: installing ${missing[*]}"
+if [[ "${missing[*]}" == *:arm64* ]] && ! dpkg --print-foreign-architectures | grep -qx arm64; then
+    echo "setup.sh: adding the architecture arm64 to this machine's packages"
+    "${as_root[@]}" dpkg --add-architecture arm64
+fi
 log=$(mktemp)
 trap 'rm -f "$log"' EXIT
 if ! { "${as_root[@]}" apt-get update -q &&

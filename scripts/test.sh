@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds everything and runs every test. Ends with ctest's summary.
 # Usage: scripts/test.sh [--all]
-#   --all  also checks format and lint, and runs the tests again under sanitizers
+#   --all  also checks format, lint and portability, and runs the tests again on the phone's processor
+#          (in an emulator) and under sanitizers
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -31,6 +32,9 @@ fi
 scripts/setup.sh all
 build release
 run_tests release
+build aarch64
+run_tests aarch64
+scripts/check_portability.sh
 build asan
 scripts/lint.sh build/asan
 run_tests asan

@@ -6,9 +6,12 @@
 #     simulated phone (or to the program's own sanitizer, which hands on to it);
 #  3. COMMAND, run under strace, names no path of the phone to the kernel.
 # COMMAND brings its phone along, as velmar_sim does, or finds it by VELMAR_PHONE_ROOT.
+# For another processor than this machine's the environment names its tools: CC and EMULATOR.
 # Usage: phone_leak_test.sh LIBVELMAR_PHONE.so [PROGRAM [COMMAND...]]
 set -eu
 export LC_ALL=C
+cc=${CC:-gcc}
+emulator=${EMULATOR:-}
 
 fail() {
     echo "phone_leak_test: $*" >&2
@@ -44,16 +47,16 @@ one_pattern() { echo "$*" | tr ' ' '|'; }
 
 # Names of all functions that libc's headers declare with a parameter named as above.
 list_declared() {
-    (cd /usr/include && grep -l 'GNU C Library' ./*.h "$(gcc -print-multiarch)"/sys/*.h) |
+    (cd /usr/include && grep -l 'GNU C Library' ./*.h "$("$cc" -print-multiarch)"/sys/*.h) |
         sed 's|.*-gnu/||; s|^\./||; /regexp\.h\|proc_service\.h\|thread_db\.h\|sys\/elf\.h\|vm86/d' |
         sed 's|.*|#if __has_include(<&>)\n#include <&>\n#endif|' >"$work/all.c"
-    gcc -E -P -D_GNU_SOURCE "$work/all.c" >"$work/all.i"
+    "$cc" -E -P -D_GNU_SOURCE "$work/all.c" >"$work/all.i"
     tr '\n' ' ' <"$work/all.i" | tr ';{}' '\n\n\n' | sed 's/__restrict//g; s/__attribute__.*//' |
         grep -E "char *\*( *const)? *\*? *__($(one_pattern $parameters))\b" |
         grep -oE '[A-Za-z_0-9]+ *\(.*' | grep -oE '^[A-Za-z_0-9]+'
 }
 
-libc=$(LD_TRACE_LOADED_OBJECTS=1 /bin/sh | awk '$1 ~ /^libc\.so/ { print $3 }')
+libc=$("$cc" -print-file-name=libc.so.6)
 { list_declared | grep -vxE "$(one_pattern $no_paths)"; echo $undeclared | tr ' ' '\n'; } |
     sort -u >"$work/path_calls"
 nm -D --defined-only "$libc" | sed -n 's/.* \([^ ]*\)@@GLIBC_[0-9].*/\1/p' | sort -u |
@@ -68,7 +71,7 @@ echo "all $(wc -l <"$work/required") calls of $libc that take a path are taken o
 program=$(command -v "$1") || fail "no program: $1"
 shift
 LD_TRACE_LOADED_OBJECTS=1 LD_WARN=yes LD_BIND_NOW=yes \
-    LD_DEBUG=bindings LD_DEBUG_OUTPUT="$work/bound" "$program" >/dev/null
+    LD_DEBUG=bindings LD_DEBUG_OUTPUT="$work/bound" $emulator "$program" >/dev/null
 sed -n "s/.*binding file \([^ ]*\) .* to \([^ ]*\) .* symbol \`\([^']*\)'.*/\3 \1 \2/p" \
     "$work"/bound.* | sort -u |
     awk -v program="$program" '$2 !~ /\/(libc|ld-[^\/]*|libvelmar_phone)\.so[^\/]*$/ &&

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <string.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -14,6 +13,7 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -475,6 +475,16 @@ TEST(Progress, IsShownInFigures) {
 
 // ---- The program ----
 
+// Whether `holds` comes true soon.
+bool Await(const std::function<bool()>& holds) {
+    const auto limit = velmar_sim::Clock::now() + kSoon;
+    while (!holds()) {
+        if (velmar_sim::Clock::now() >= limit) return false;
+        std::this_thread::sleep_for(milliseconds(2));
+    }
+    return true;
+}
+
 // One run of velmar_sim with its own folder for temporary files.
 class ToolTest : public testing::Test {
   protected:
@@ -509,12 +519,7 @@ class ToolTest : public testing::Test {
     }
 
     bool AwaitOutput(const std::string& part) {
-        const auto limit = velmar_sim::Clock::now() + kSoon;
-        while (velmar_sim::Clock::now() < limit) {
-            if (Output().find(part) != std::string::npos) return true;
-            std::this_thread::sleep_for(milliseconds(2));
-        }
-        return false;
+        return Await([&] { return Output().find(part) != std::string::npos; });
     }
 
     // All that was written, with the scenario's file named "s".
@@ -627,7 +632,7 @@ TEST_F(ToolTest, VerdictsAndExitStatuses) {
     };
     for (const Case& run : cases) {
         SCOPED_TRACE(run.scenario);
-        Run(run.scenario, {"--velmar", "/bin/sh"});
+        Run(run.scenario, {"--velmar", "/bin/sh", "--time-factor", "1"});
         EXPECT_EQ(ExitStatus(), run.status);
         for (const std::string& part : run.output) EXPECT_THAT(Output(), HasSubstr(part));
         EXPECT_THAT(temporary.Entries(), IsEmpty());
@@ -694,7 +699,9 @@ TEST_F(ToolTest, ATerminalShowsABar) {
     velmar_sim::Launch launch;
     launch.executable = "/usr/bin/script";
     launch.arguments = {"script", "-qec",
-                        std::string(VELMAR_SIM_PATH) + " run --time-factor 4 " + file, "/dev/null"};
+                        std::string(VELMAR_SIM_PATH) + " run --velmar " + VELMAR_PATH +
+                                " --time-factor 4 " + file,
+                        "/dev/null"};
     launch.variables = {"TMPDIR=" + temporary.path};
     StartProgram(launch);
     Finish();
@@ -740,24 +747,25 @@ TEST_F(ToolTest, AKeptFolderIsNamed) {
 }
 
 TEST_F(ToolTest, AKilledRunLeavesNothingBehind) {
-    // What loses its parent becomes a child of this process, so none can be overlooked.
-    ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
+    // Each process of the phone has the writing end of this open.
+    const std::string held = scratch.path + "/held";
+    ASSERT_EQ(mkfifo(held.c_str(), 0600), 0);
     // The service has a process of its own, which the service's end alone does not end.
-    const std::string scenario = ShellPhone("sleep 600 & echo started; wait") +
+    const std::string scenario = ShellPhone("exec 9>" + held + "; sleep 600 & echo started; wait") +
                                  "step { log { tag: 'stdout' text: 'started' } }\n"
                                  "step { say: 'waiting' }\nstep { pause_ms: 600000 }";
     for (const int number : {SIGKILL, SIGTERM, SIGINT}) {
         SCOPED_TRACE(number);
+        const android::base::unique_fd holders(open(held.c_str(), O_RDONLY | O_NONBLOCK));
         Start(scenario, {"--velmar", "/bin/sh"});
         ASSERT_TRUE(AwaitOutput("waiting")) << Output();
         EXPECT_THAT(temporary.Entries(), Not(IsEmpty()));
         tool->Signal(number);
         Finish();
         EXPECT_TRUE(WIFSIGNALED(tool->wait_status()));
-        while (waitpid(-1, nullptr, 0) > 0) {
-        }
-        EXPECT_EQ(errno, ECHILD);
-        EXPECT_THAT(temporary.Entries(), IsEmpty());
+        EXPECT_TRUE(Await([&] { return temporary.Entries().empty(); }));
+        char none = 0;
+        EXPECT_TRUE(Await([&] { return read(holders.get(), &none, 1) == 0; }));
         tool.reset();
     }
 }

@@ -15,7 +15,9 @@ struct Answer {
     // On the caller's thread, before its call returns.
     bool early = false;
     bool twice = false;
-    std::chrono::milliseconds delay{0};
+    // By default long enough for the caller to reach its wait: one that misses its wake-up in the
+    // moment before would go on only when its time is over.
+    std::chrono::milliseconds delay{20};
 };
 
 // How the radio behaves.

@@ -13,7 +13,8 @@ namespace velmar_radio {
 //   answer ERROR [early] [twice] [delay=MILLISECONDS]
 //                                    a request that is answered with the error code ERROR: on a
 //                                    thread of the library's own or, early, on the caller's and
-//                                    before its call returns; once or twice in a row
+//                                    before its call returns; once or twice in a row; after 20 ms
+//                                    unless it says otherwise
 //
 // The first request takes the first answer line, the second the second, and so on; the last line
 // is for all that follow. A file that has changed begins with its first line again.

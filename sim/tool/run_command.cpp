@@ -58,7 +58,7 @@ RunCommand::RunCommand(CLI::App* app)
     subcommand->add_flag("--quiet", quiet, "Show the verdicts only");
     subcommand
             ->add_option("--time-factor", time_factor,
-                         "Every wait takes so many times as long as its scenario says")
+                         "What has to come may take so many times as long as its scenario says")
             ->envname("VELMAR_SIM_TIME_FACTOR")
             ->check(CLI::Range(0.01, 1000.0))
             ->capture_default_str();

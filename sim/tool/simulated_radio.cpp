@@ -29,7 +29,8 @@ std::string AnswerLine(const RadioAnswer& answer) {
     std::string line = "answer " + std::to_string(answer.error());
     if (answer.early()) line += " early";
     if (answer.twice()) line += " twice";
-    return line + " delay=" + std::to_string(answer.delay_ms()) + "\n";
+    if (answer.has_delay_ms()) line += " delay=" + std::to_string(answer.delay_ms());
+    return line + "\n";
 }
 
 std::string FromHex(const std::string& digits) {

@@ -180,7 +180,7 @@ void StepPlayer::Expect(const Step& step) {
 }
 
 void StepPlayer::ExpectNothing(const Silence& silence) {
-    const std::optional<ReceivedMessage> message = Receive(Scaled(silence.for_ms()));
+    const std::optional<ReceivedMessage> message = Receive(Milliseconds(silence.for_ms()));
     if (message) {
         throw StepFailure("a message came" + ExpectedActual("-", DescribeMessage(message->bytes)));
     }
@@ -304,7 +304,7 @@ void StepPlayer::AwaitLog(const LogPattern& pattern) {
 }
 
 void StepPlayer::RefuseLog(const LogPattern& pattern) {
-    if (FindLog(pattern, Scaled(pattern.for_ms()))) {
+    if (FindLog(pattern, Milliseconds(pattern.for_ms()))) {
         throw StepFailure("such a log line came: " + DescribePattern(pattern));
     }
 }
@@ -355,7 +355,7 @@ void StepPlayer::ExpectRadioRequest(const RadioRequest& expected) {
 }
 
 void StepPlayer::RefuseRadioRequest(const Silence& silence) {
-    const std::optional<RadioRequest> request = ReceiveRadioRequest(Scaled(silence.for_ms()));
+    const std::optional<RadioRequest> request = ReceiveRadioRequest(Milliseconds(silence.for_ms()));
     if (!request) return;
     throw StepFailure("a request reached the radio" +
                       ExpectedActual("-", DescribeRadioRequest(*request)));
