@@ -60,10 +60,12 @@ int SitIoChannel::ReadFromChannel(char* buffer, int size) {
 }
 
 int SitIoChannel::WriteToChannel(char* data, int length) {
-    int open_fd = fd;
-    if (data == nullptr || open_fd < 0) return -1;
+    if (data == nullptr || fd < 0) return -1;
     for (int written = 0; written < length;) {
-        ssize_t count = write(open_fd, data + written, length - written);
+        // The descriptor is taken anew each time: the reader may have reopened the channel.
+        ssize_t count = write(fd, data + written, length - written);
+        // Changes nothing, but lets the write happen before a close that finds this value.
+        fd.fetch_add(0);
         if (count > 0) {
             written += static_cast<int>(count);
             continue;
