@@ -38,3 +38,5 @@ scripts/check_portability.sh
 build asan
 scripts/lint.sh build/asan
 run_tests asan
+build tsan
+run_tests tsan
