@@ -242,11 +242,19 @@ TEST_F(FileTest, MessagesThatNameNoFileAreDropped) {
     EXPECT_EQ(Request("file_dir: FILE_DIRECTORY_MDS"), kStatusInvalid);
     EXPECT_EQ(Indicate("legacy_field: 'x'"), kStatusInvalid);
     EXPECT_EQ(Indicate("file_dir: FILE_DIRECTORY_MDS"), kStatusInvalid);
+    // A number without a name reads as none at all.
+    std::string unnamed =
+            Encode("file_message { file_write_request { file_name: 'f' file_dir: "
+                   "FILE_DIRECTORY_RESERVED } }");
+    unnamed.back() = 4;
+    SitMessage request_to_unnamed(unnamed.data(), static_cast<int>(unnamed.size()));
+    EXPECT_EQ(service.OnReceiveFileWriteRequest(&request_to_unnamed), kStatusInvalid);
     EXPECT_THAT(log.Lines(), ElementsAre("E Old FileWriteRequest is no longer supported",
                                          "E FileWriteRequest requires a file_dir",
                                          "E FileWriteRequest requires a file_name",
                                          "E FileWriteIndication requires a file_dir",
-                                         "E FileWriteIndication requires a file_name"));
+                                         "E FileWriteIndication requires a file_name",
+                                         "E FileWriteRequest requires a file_dir"));
     EXPECT_THAT(handler.responses, IsEmpty());
 }
 

@@ -13,6 +13,7 @@ class RequestRecord {
   public:
     // A record that waits for its response; by default one that stands for no request.
     explicit RequestRecord(unsigned int request_token = kNoToken);
+    // Copies the token and clones the response.
     RequestRecord(const RequestRecord& other);
     virtual ~RequestRecord();
 
@@ -51,6 +52,7 @@ class RequestList {
     // Removes every record.
     void CleanRecord();
 
+    // Whether the request of `token` is outstanding.
     bool IsRecordInList(unsigned int token);
 
     // Stores a clone of `message` (which may be null) as the response for `token`, in place of one

@@ -40,7 +40,7 @@ unsigned int SitMessage::GetToken() const {
 }
 
 VelmarMessageType SitMessage::GetType() const {
-    return message && message->has_type() ? message->type() : static_cast<VelmarMessageType>(0);
+    return message && message->has_type() ? message->type() : velmar_message::UNKNOWN_TYPE;
 }
 
 int SitMessage::GetMessageId() const {

@@ -33,7 +33,7 @@ class SitMessage {
     // The token, or kNoToken when there is none.
     unsigned int GetToken() const;
 
-    // The type, or 0 when there is none.
+    // The type, or UNKNOWN_TYPE when there is none.
     velmar_message::VelmarMessageType GetType() const;
 
     // The number of the payload that is there, 0 when there is none. The envelope's own message_id
@@ -43,6 +43,7 @@ class SitMessage {
     // The result, or FAILURE when there is none.
     velmar_message::VelmarResult GetResult() const;
 
+    // Whether the type is there and this one.
     bool IsRequest() const;
     bool IsResponse() const;
     bool IsIndication() const;

@@ -27,7 +27,8 @@ class Thread {
     Thread(const Thread&) = delete;
     Thread& operator=(const Thread&) = delete;
 
-    // Starts the thread. Returns 0, or the positive error number of pthread_create.
+    // Starts the thread. Returns 0, or the positive error number of pthread_create. Called once, by
+    // the thread that owns this object.
     int Start();
 
     // The thread's entry; `arg` is the Thread. Returns null.

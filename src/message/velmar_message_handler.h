@@ -36,11 +36,15 @@ class VelmarMessageHandler {
     // that returns, 2 for no input, 1 for a message of no known type. Called by the IO thread.
     virtual int ProcessReceivedMessage(void* data, unsigned int length);
 
-    // Handle a message of their type; they borrow it for the call. Called by the IO thread.
+    // Hands a request to the service. Returns what its handler returns, or 8 when the service is
+    // not there in time. Borrows the message for the call. Called by the IO thread.
     virtual int RequestHandler(SitMessage* message);
-    // Stores the response and wakes its sender. Returns 0, 2 for what is not a response, 8 for a
-    // response that nobody awaits, which is dropped.
+
+    // Stores a clone of the response and wakes its sender. Returns 0, 2 for what is not a response,
+    // 8 for a response that nobody awaits, which is dropped. Called by the IO thread.
     virtual int ResponseHandler(SitMessage* message);
+
+    // The same as RequestHandler for an indication.
     virtual int IndicationHandler(SitMessage* message);
 
     // Sends a request, which must carry a token, and waits for its response for up to

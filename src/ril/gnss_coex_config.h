@@ -40,10 +40,10 @@ enum class GnssCoexLine {
     kIncomplete,
 };
 
-// The functions below are functions of the text alone. Numbers are converted as std::stoi and
-// std::stod do it: white space before and anything after a number is skipped, and what is no
-// number, or none that the type holds, throws std::invalid_argument or std::out_of_range. Only the
-// low 16 bits of a number count. Any thread.
+// The three functions that follow are functions of the text alone. Numbers are converted as
+// std::stoi and std::stod do it: white space before and anything after a number is skipped, and
+// what is no number, or none that the type holds, throws std::invalid_argument or
+// std::out_of_range. Only the low 16 bits of a number count. Any thread.
 
 // Cuts a configuration into its lines, without the empty ones.
 GnssCoexText SplitGnssCoexText(const std::string& text);
@@ -59,6 +59,7 @@ GnssCoexLine MakeGnssCoexRecord(const std::string& line, GnssCoexRecord* record)
 // then request 226 for each entry. Lines that are no entry are logged and passed over; what the
 // radio answers is not looked at. Returns 8 when there is no radio client or no configuration that
 // can be read, else 0 (a VelmarStatus). Numbers that cannot be converted throw; requests before
-// them have been sent. Blocks for up to 5 seconds for each request that is not answered, and for up
-// to a minute for each that finds the radio not available. The thread of the service command.
+// them have been sent. Blocks for up to 5 seconds for each request that is not answered; for each
+// that finds the radio not available for a minute, and for two if it takes its time to say so. The
+// thread of the service command.
 int LoadGnssCoexConfig();

@@ -40,13 +40,16 @@ class RilRequestHelper {
     int Send(unsigned int request, void* data, unsigned long length, int timeout_seconds);
 
     // The callback of every request: a RilResponseCallback. Any thread, at any time, before Send()
-    // has handed its request over as well as long after it has given up. Waits for no lock.
+    // has handed its request over as well as long after it has given up. Takes no lock of this
+    // class.
     static void Response(unsigned int request, int code, void* data, unsigned long length,
                          unsigned int extra);
 
   protected:
     RilRequestHelper() = default;
 
+    // Sends the request once and waits for the answer, up to 5 seconds. Returns the radio's error
+    // code, or 66. `wait_guard` holds wait_lock; send_lock is held too.
     int SendOnce(unsigned int request, void* data, unsigned long length,
                  std::unique_lock<std::mutex>* wait_guard);
 

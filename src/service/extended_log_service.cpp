@@ -12,7 +12,7 @@
 #include <string>
 
 #include "message/log_tag.h"
-#include "message/velmar_message_handler.h"
+#include "message/velmar_status.h"
 #include "service/velmar_extended_log_message.h"
 #include "service/velmar_service_handler.h"
 
@@ -44,7 +44,7 @@ void Rotate(const std::string& path) {
     struct stat status;
     if (stat(path.c_str(), &status) != 0 || status.st_size <= kExtendedLogMaxSize) return;
     const std::string old_path = path + kOldSuffix;
-    (void)remove(old_path.c_str());
+    (void)unlink(old_path.c_str());
     (void)rename(path.c_str(), old_path.c_str());
 }
 

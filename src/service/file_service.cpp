@@ -2,6 +2,7 @@
 
 #include "message/log_tag.h"
 #include "message/velmar_message_handler.h"
+#include "message/velmar_status.h"
 #include "service/file_chunk.h"
 #include "service/velmar_file_message.h"
 #include "service/velmar_service_handler.h"
@@ -55,6 +56,7 @@ int VelmarServiceHandler::OnReceiveFileWriteRequest(SitMessage* request) {
     const FileChunkLines lines = {ANDROID_LOG_INFO, "Failed to open %s",
                                   "Moved file into target path"};
     VelmarFileMessage response(velmar_message::RESPONSE, request);
+    response.FillWriteResponse();
     FileChunkOutcome outcome = StoreFileChunk(chunk, lines);
     response.SetFileMessageResult(outcome.file_result);
     response.SetResult(outcome.stored ? velmar_message::SUCCESS : velmar_message::FAILURE);

@@ -19,6 +19,7 @@ class ReplyMessage {
     // The message, borrowed.
     SitMessage* GetSitMessage() const;
 
+    // Sets the outcome that the modem is told. An answer says none until then.
     void SetResult(velmar_message::VelmarResult result);
 
   protected:

@@ -7,6 +7,7 @@
 
 #include "message/log_tag.h"
 #include "message/velmar_message_handler.h"
+#include "message/velmar_status.h"
 #include "service/reply_message.h"
 #include "service/velmar_service_handler.h"
 

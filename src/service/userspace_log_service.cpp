@@ -5,7 +5,7 @@
 #include <string>
 
 #include "message/log_tag.h"
-#include "message/velmar_message_handler.h"
+#include "message/velmar_status.h"
 #include "service/velmar_service_handler.h"
 #include "service/velmar_userspace_log_message.h"
 

@@ -7,15 +7,15 @@
 // A directory that takes files from the modem.
 class VelmarFileDirectory {
   public:
+    // The directory `directory_id` at `path`, which ends in "/".
     VelmarFileDirectory(velmar_message::FileDirectory directory_id, std::string path);
     virtual ~VelmarFileDirectory();
 
     velmar_message::FileDirectory id;
-    // The directory's path, ending in "/".
     std::string prefix;
 };
 
-// The directories that the modem may name; it can write to no other.
+// The directories that the modem may name.
 class VelmarFileDirectoryTable {
   public:
     // A copy of the path of directory `id`, ending in "/"; "UNKNOWN" when `id` names none. Any

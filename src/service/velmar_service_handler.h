@@ -87,7 +87,8 @@ class VelmarServiceHandler {
     // thread but the IO thread.
     void LoadDebugStatModuleConfig(char* entry);
 
-    // Asks the modem for the extended logs. Returns as SendModemStatEnableRequest does.
+    // Asks the modem for the extended logs. Returns as SendModemStatEnableRequest does. Any thread
+    // but the IO thread.
     int SendExtendedLogRequest();
 
     // Appends text to an extended log file. Returns 0, 2 for what is no such text, 8 when the file
