@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -142,6 +143,13 @@ ChildProcess::~ChildProcess() {
 bool ChildProcess::IsRunning() {
     if (running && waitpid(pid, &status, WNOHANG) == pid) ReadToEnd();
     return running;
+}
+
+bool ChildProcess::HasUnreadOutput() const {
+    return std::any_of(outputs.begin(), outputs.end(), [](const unique_fd& output) {
+        int waiting = 0;
+        return ioctl(output.get(), FIONREAD, &waiting) == 0 && waiting > 0;
+    });
 }
 
 void ChildProcess::Signal(int number) const {

@@ -193,6 +193,7 @@ void StepPlayer::PushFile(const Push& push) {
                               std::to_string(file.chunk_count()) + " chunks to " + file.target();
     show->OnEvent("push " + whole);
     const auto begin = Clock::now();
+    std::chrono::duration<double> taken;
     file.Next();
     SendChunk(file);
     {
@@ -202,8 +203,14 @@ void StepPlayer::PushFile(const Push& push) {
             show->ShowProgress(file.done(), file.size());
         }
         AwaitRight([&] { return file.StoredDifference(); });
+        taken = Clock::now() - begin;
+        // Log lines that are read late belong to the summary too.
+        WaitFor(within, [&](Milliseconds slice) {
+            if (!service->HasUnreadOutput()) return true;
+            std::this_thread::sleep_for(std::min(slice, kLookAgain));
+            return false;
+        });
     }
-    const std::chrono::duration<double> taken = Clock::now() - begin;
     show->OnEvent("pushed and compared " + whole + ": " + RateText(file.size(), taken));
 }
 
