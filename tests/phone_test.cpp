@@ -11,6 +11,7 @@
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/select.h>
+#include <sys/sendfile.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
@@ -545,6 +546,12 @@ int OpenToRead(const char* path) {
     return fd < 0 ? -1 : 0;
 }
 
+int CopyInKernel(const char* source, const char* target) {
+    const unique_fd from(open(source, O_RDONLY));
+    const unique_fd to(open(target, O_WRONLY));
+    return sendfile(to, from, nullptr, 1) == 1 ? 0 : -1;
+}
+
 // What each family stands for; a file is there for each call.
 constexpr FaultCase kFaultCases[] = {
         {"open", OpenToRead},
@@ -579,6 +586,8 @@ constexpr FaultCase kFaultCases[] = {
              const unique_fd fd(open(path, O_WRONLY));
              return pwrite(fd, "x", 1, 0) == 1 ? 0 : -1;
          }},
+        {"read", [](const char* path) { return CopyInKernel(path, "/data/source"); }},
+        {"write", [](const char* path) { return CopyInKernel("/data/source", path); }},
         {"close", [](const char* path) { return close(open(path, O_RDONLY)); }},
 };
 

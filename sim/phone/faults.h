@@ -11,9 +11,10 @@
 // Injection of the faults that PhoneState holds. While there is none, a call costs one load.
 //
 // Families: those that phone_state.h lists; "read" is also readv and pread with its relatives,
-// "write" writev and pwrite with theirs, "stat" also fstat, "unlink" also remove, "open" also fopen
-// and opendir. Every other redirected call goes by its own name ("mkdir", "truncate", "access").
-// What stdio reads and writes happens inside libc and is not hit once the stream is open; C++ file
+// "write" writev and pwrite with theirs, and a sendfile or copy_file_range is a read of one file
+// and a write of the other; "stat" is also fstat, "unlink" also remove, "open" also fopen and
+// opendir. Every other redirected call goes by its own name ("mkdir", "truncate", "access"). What
+// stdio reads and writes happens inside libc and is not hit once the stream is open; C++ file
 // streams are. A poll or select that already waits is not hit: the fault awaits the next one.
 namespace velmar_phone {
 

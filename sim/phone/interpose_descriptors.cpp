@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <stdio.h>
 #include <sys/select.h>
+#include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -162,6 +163,22 @@ TRANSFER_CALL(5, pwritev64v2, "write")
 WRITE_CALL(write)
 WRITE_CALL(__write)
 WRITE_CALL(writev)
+
+// A copy inside the kernel reads one file and writes the other.
+#define KERNEL_COPY_CALL(arity, symbol, source, target, offset, size) \
+    VELMAR_ENTRY(arity, symbol) {                                     \
+        const TransferLimit read_limit("read", source);               \
+        if (read_limit.Ends()) return read_limit.Result();            \
+        const TransferLimit write_limit("write", target);             \
+        if (write_limit.Ends()) return write_limit.Result();          \
+        read_limit.Shorten(&offset, &size);                           \
+        write_limit.Shorten(&offset, &size);                          \
+        return VELMAR_NEXT(arity, symbol);                            \
+    }
+
+KERNEL_COPY_CALL(4, sendfile, b, a, c, d)
+KERNEL_COPY_CALL(4, sendfile64, b, a, c, d)
+KERNEL_COPY_CALL(6, copy_file_range, a, c, b, e)
 
 #define POLL_CALL(arity, symbol)                               \
     VELMAR_ENTRY(arity, symbol) {                              \
