@@ -1,6 +1,8 @@
 #include "message/velmar_message_handler.h"
 
 #include <errno.h>
+#include <stdlib.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <memory>
@@ -192,6 +194,42 @@ TEST_F(HastyResponseTest, ResponseThatIsTooEarlyEndsInATimeout) {
     EXPECT_EQ(handler.SendRequest(request.get(), 1), kStatusTimeout);
     EXPECT_EQ(handler.delivered, kStatusSuccess);
     EXPECT_NE(handler.GetRequestRecord(request->GetToken()).message, nullptr);
+}
+
+// A phone whose process ends while its reader serves. It has one thread until it has been forked.
+class ExitTest : public testing::Test {
+  protected:
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): there is no other thread yet.
+    ExitTest() { setenv(velmar_phone::kRootVariable, folder.root().c_str(), 1); }
+    ~ExitTest() override { folder.RemoveTree(); }
+
+    [[noreturn]] void ExitWhileServing() {
+        // It serves to the end of the process.
+        auto* modem = new velmar_sim::SimulatedModem(folder);
+        modem->SetState(kModemStateOnline);
+        // The one handler that no test makes, and that goes when the process exits.
+        VelmarMessageHandler* handler = VelmarMessageHandler::GetInstance();
+        handler->*(&TestHandler::state_monitor) = std::make_unique<OpenMonitor>(handler);
+        if (handler->Start() != kStatusSuccess) _exit(2);
+        if (!modem->WaitForChannel(milliseconds(5000))) _exit(2);
+        std::thread(TalkToTheEnd, modem).detach();
+        exit(0);
+    }
+
+    // Has a request answered once the handler is going, and ends the reader then.
+    static void TalkToTheEnd(velmar_sim::SimulatedModem* modem) {
+        std::this_thread::sleep_for(milliseconds(200));
+        modem->SendBytes(Encode("type: REQUEST token: 1 property_message { read_request {} }"));
+        if (!modem->Receive(milliseconds(5000))) _exit(3);
+        modem->AddFault({"select", "/dev/oem_ipc1", EBADF});
+        modem->SendBytes(Encode("type: RESPONSE"));
+    }
+
+    velmar_sim::PhoneFolder folder;
+};
+
+TEST_F(ExitTest, MessageThatArrivesWhileTheHandlerGoesIsServed) {
+    EXPECT_EXIT(ExitWhileServing(), testing::ExitedWithCode(0), "");
 }
 
 // Keeps the commands instead of carrying them out.

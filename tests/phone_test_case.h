@@ -45,6 +45,7 @@ class TestHandler : public VelmarMessageHandler {
 
     using VelmarMessageHandler::recovery_callback;
     using VelmarMessageHandler::request_list;
+    using VelmarMessageHandler::state_monitor;
 };
 
 // The encoding of a message given as text.
