@@ -147,8 +147,9 @@ void SimulatedModem::Drop(Device* device, const ConnectionPtr& connection) {
     Notice("velmar closed " + device->name);
 }
 
-void SimulatedModem::SetState(int new_state) {
-    Notice("modem state " + std::to_string(new_state));
+void SimulatedModem::SetState(int new_state, int wakes) {
+    Notice("modem state " + std::to_string(new_state) +
+           (wakes == 1 ? "" : ", events: " + std::to_string(wakes)));
     const std::lock_guard<std::mutex> guard(lock);
     // The state comes first: whoever opened the device before this line is woken, and whoever
     // opens it later reads the new state.
@@ -157,7 +158,9 @@ void SimulatedModem::SetState(int new_state) {
     for (const ConnectionPtr& connection : boot.connections) {
         const char packet = 0;
         // A full socket holds wake-ups enough.
-        send(connection->fd.get(), &packet, sizeof(packet), MSG_NOSIGNAL | MSG_DONTWAIT);
+        for (int i = 0; i < wakes; ++i) {
+            send(connection->fd.get(), &packet, sizeof(packet), MSG_NOSIGNAL | MSG_DONTWAIT);
+        }
     }
 }
 
@@ -227,6 +230,14 @@ void SimulatedModem::HangUp() {
     Wake();
 }
 
+void SimulatedModem::SetReading(bool reads) {
+    {
+        const std::lock_guard<std::mutex> guard(lock);
+        reading = reads;
+    }
+    Wake();
+}
+
 std::optional<ReceivedMessage> SimulatedModem::Receive(milliseconds timeout) {
     std::unique_lock<std::mutex> guard(lock);
     if (!changed.wait_for(guard, timeout, [this] { return !received.empty(); })) {
@@ -280,6 +291,14 @@ void SimulatedModem::ClearFaults() {
     state->fault_count.store(0, std::memory_order_release);
 }
 
+int SimulatedModem::FaultsLeft() const {
+    int left = 0;
+    for (const velmar_phone::Fault& fault : state->faults) {
+        left += fault.remaining.load(std::memory_order_acquire);
+    }
+    return left;
+}
+
 void SimulatedModem::Run() {
     while (true) {
         std::vector<Opener> openers;
@@ -288,15 +307,19 @@ void SimulatedModem::Run() {
                                       {boot.listener.get(), POLLIN, 0},
                                       {thermal.listener.get(), POLLIN, 0}};
         const size_t first_opener = polled.size();
+        bool reads_channel = true;
         {
             const std::lock_guard<std::mutex> guard(lock);
             if (stopping) return;
+            reads_channel = reading;
             for (Device* device : {&channel, &boot, &thermal}) {
                 for (const auto& opener : device->connections) openers.push_back({device, opener});
             }
         }
         for (const Opener& opener : openers) {
-            const short events = opener.device == &boot ? POLLRDHUP : POLLIN | POLLRDHUP;
+            const bool is_read =
+                    opener.device == &thermal || (opener.device == &channel && reads_channel);
+            const short events = is_read ? POLLIN | POLLRDHUP : POLLRDHUP;
             polled.push_back({opener.connection->fd.get(), events, 0});
         }
         poll(polled.data(), polled.size(), UntilNextAnswer());

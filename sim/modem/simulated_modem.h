@@ -85,8 +85,9 @@ class SimulatedModem {
     SimulatedModem(const SimulatedModem&) = delete;
     SimulatedModem& operator=(const SimulatedModem&) = delete;
 
-    // Changes the boot state and wakes whoever has the boot device open.
-    void SetState(int state);
+    // Changes the boot state and wakes whoever has the boot device open `wakes` times: 0 is an
+    // event that is lost, 2 one that comes twice.
+    void SetState(int state, int wakes = 1);
 
     // Waits until the service has opened the channel; false when it has not after `timeout`.
     bool WaitForChannel(std::chrono::milliseconds timeout);
@@ -105,6 +106,9 @@ class SimulatedModem {
     // Closes the channel from the modem's side.
     void HangUp();
 
+    // A modem that does not read leaves what the service writes in the channel, which fills up.
+    void SetReading(bool reads);
+
     // The oldest message that was not taken yet; nothing when none comes within `timeout`.
     std::optional<ReceivedMessage> Receive(std::chrono::milliseconds timeout);
 
@@ -121,6 +125,9 @@ class SimulatedModem {
     // Makes calls of the phone's programs fail. At most velmar_phone::kMaxFaults at a time.
     void AddFault(const FaultRule& rule);
     void ClearFaults();
+
+    // How many calls the faults have still to hit.
+    int FaultsLeft() const;
 
   private:
     struct Connection {
@@ -180,6 +187,7 @@ class SimulatedModem {
     std::vector<std::string> thermal_writes;
     std::deque<ReceivedMessage> received;
     std::map<int, AnswerPolicy> policies;
+    bool reading = true;
     bool stopping = false;
 
     std::thread thread;

@@ -16,7 +16,7 @@
 #include "interpose.h"
 
 // The symbols are libc's own, whatever a program may not call its functions.
-// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp,bugprone-macro-parentheses)
 
 // Those that libc exports and its headers keep to themselves, or declare as variadic: the optional
 // argument is passed as any other where the simulator runs, and not looked at where it is missing.
@@ -284,4 +284,4 @@ CONTROL_CALL(__fcntl)
 
 }  // namespace velmar_phone
 
-// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp,bugprone-macro-parentheses)

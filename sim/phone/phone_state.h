@@ -37,8 +37,8 @@ struct Fault {
     // With error 0: bytes that the call takes or gives at most; 0 in a read is end of file.
     int32_t length;
     // The call: "open" stands for every way to open a file, "stat" for all its relatives; "read",
-    // "write", "select", "poll", "ioctl", "unlink", "rename", "chmod", "close". A sendfile is a "read"
-    // of the one file and a "write" of the other.
+    // "write", "select", "poll", "ioctl", "unlink", "rename", "chmod", "close". A sendfile is a
+    // "read" of the one file and a "write" of the other.
     char call[16];
     // The path as the program names it, a pattern as of fnmatch(3) without flags.
     char path[232];
