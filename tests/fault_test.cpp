@@ -53,6 +53,13 @@ constexpr milliseconds kAnswerLimit{10000};
 // How long an answer is awaited that must not come.
 constexpr milliseconds kSilence{200};
 
+// A number of the environment.
+uint64_t Variable(const char* name, uint64_t otherwise) {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the environment does not change.
+    const char* text = getenv(name);
+    return text != nullptr ? strtoull(text, nullptr, 10) : otherwise;
+}
+
 // Waits are lengthened as the simulator's own are.
 template <typename Duration>
 Duration Scaled(Duration time) {
@@ -502,9 +509,9 @@ INSTANTIATE_TEST_SUITE_P(Of, FileFaultTest,
                                          FileFault{"rename", EROFS}, FileFault{"unlink", EACCES}),
                          [](const auto& test) { return std::string(test.param.call); });
 
-// Together 200 kills.
+// Together 200 kills, unless the environment wants fewer of each test.
 constexpr int kKillTests = 8;
-constexpr int kKills = 25;
+constexpr int kUsualKills = 25;
 constexpr int kKilledFileSize = 1440000;
 
 class KillTest : public FaultTest, public testing::WithParamInterface<int> {
@@ -527,19 +534,16 @@ class KillTest : public FaultTest, public testing::WithParamInterface<int> {
         return chunk == count && answer && Letter(answer->message, file->Answer().value()) == 'S';
     }
 
-    static uint64_t Seed() {
-        // NOLINTNEXTLINE(concurrency-mt-unsafe): the environment does not change.
-        const char* base = getenv("VELMAR_FAULT_SEED");
-        return (base != nullptr ? strtoull(base, nullptr, 10) : 0) + GetParam();
-    }
+    static uint64_t Seed() { return Variable("VELMAR_FAULT_SEED", 0) + GetParam(); }
 
     std::mt19937_64 engine{Seed()};
 };
 
 TEST_P(KillTest, LeavesNoPartialFileThatWasAnsweredAsComplete) {
+    const auto kills = static_cast<int>(Variable("VELMAR_FAULT_KILLS", kUsualKills));
     int answered = 0;
     int partial = 0;
-    for (int kill = 0; kill < kKills && !HasFailure(); ++kill) {
+    for (int kill = 0; kill < kills && !HasFailure(); ++kill) {
         SCOPED_TRACE(kill);
         ExpectCleanTransfer();
         const velmar_sim::Push push = NewPush(kKilledFileSize, 60000, kill);
@@ -552,7 +556,7 @@ TEST_P(KillTest, LeavesNoPartialFileThatWasAnsweredAsComplete) {
         partial += target && target->size() != 30000 && target->size() != kKilledFileSize ? 1 : 0;
         Restart();
     }
-    std::cout << "seed " << Seed() << ": " << kKills << " kills, " << answered
+    std::cout << "seed " << Seed() << ": " << kills << " kills, " << answered
               << " after the last answer, " << partial << " with a partial target\n";
 }
 
