@@ -19,7 +19,8 @@ case "${1:-build}" in
     build) ;;
     all)
         packages+=(
-            clang clang-format clang-tidy git libclang-rt-14-dev llvm libc++-dev libc++abi-dev shellcheck
+            clang clang-format clang-tidy git libclang-rt-14-dev llvm libc++-dev libc++abi-dev
+            blueprint-tools checkpolicy m4 shellcheck
             g++-aarch64-linux-gnu qemu-user-static
             {libprotobuf,android-liblog,android-libbase,libssl,libgmock,libgtest}-dev:arm64
         )

@@ -35,6 +35,7 @@ run_tests release
 build aarch64
 run_tests aarch64
 scripts/check_portability.sh
+scripts/check_android.sh
 build asan
 scripts/lint.sh build/asan
 run_tests asan
