@@ -30,14 +30,17 @@ if [ $# -eq 0 ]; then
 fi
 
 scripts/setup.sh all
-build release
-run_tests release
-build aarch64
-run_tests aarch64
+for preset in release aarch64 asan tsan; do
+    build $preset
+done
 scripts/check_portability.sh
 scripts/check_android.sh
-build asan
-scripts/lint.sh build/asan
+# Beside the tests, since most of those wait.
+nice scripts/lint.sh build/asan &
+lint=$!
+trap 'kill $lint 2>/dev/null || true' EXIT
+run_tests release
+run_tests aarch64
 run_tests asan
-build tsan
+wait $lint
 run_tests tsan
