@@ -1,9 +1,17 @@
 #!/usr/bin/env bash
-# Checks what goes into an Android tree: the build file, the init script and the SELinux policy, each
-# against the sources and, as far as a workstation can, against the platform.
+# Checks what an Android tree takes from here: that Android.bp has its format and builds the files
+# that CMake builds, that velmar.rc makes every folder that the service expects, and that the
+# policy, beside what of the platform bears on it (tests/sepolicy), grants the service what it does
+# to each path, no less, and refuses what must never hold.
 # Usage: scripts/check_android.sh
 set -euo pipefail
+shopt -s globstar
 cd "$(dirname "$0")/.."
+
+policy=android/sepolicy
+platform=tests/sepolicy
+# Debian keeps the tools of SELinux where only root looks.
+PATH+=:/usr/sbin
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
@@ -12,70 +20,122 @@ fail() {
     exit 1
 }
 
-# Fails with MESSAGE and the differing lines unless FILE and the standard input have the same lines.
-require_same() {
-    diff "$1" <(sort) >&2 || fail "$2"
+# Fails, naming the difference, unless FILE names the sources of src/ on the standard input.
+expect_sources() {
+    diff <(find src -name '*.cpp' | sort) <(sort -u) >&2 ||
+        fail "$1: expected every source of src/ (<), and nothing else (>)"
 }
 
-# bpfmt's exit status is 0 even for a file that it would change.
-unformatted=$(bpfmt -d Android.bp 2>&1)
-[ -z "$unformatted" ] || fail "Android.bp is not formatted: $unformatted"
-git ls-files 'src/*.cpp' | sort >"$work/sources"
-shopt -s globstar nullglob
-for pattern in $(grep -oE '"src/[^"]*\.cpp"' Android.bp | tr -d '"'); do
-    printf '%s\n' $pattern
-done | sort -u | require_same "$work/sources" "Android.bp does not list the files of src/"
-grep -oE '[a-z_]+/[a-z_]+\.cpp' src/CMakeLists.txt | sed 's|^|src/|' |
-    require_same "$work/sources" "src/CMakeLists.txt does not list the files of src/"
+check_build() {
+    local patterns
+    # Its exit status says nothing.
+    [ -z "$(bpfmt -d Android.bp)" ] ||
+        fail "Android.bp: expected the format of 'bpfmt -w Android.bp'"
+    patterns=$(grep -oE 'src/[^"]*\.cpp' Android.bp)
+    # shellcheck disable=SC2086  # The patterns are meant to be expanded.
+    printf '%s\n' $patterns | expect_sources Android.bp
+    grep -oE '[a-z_]+/[a-z_]+\.cpp' src/CMakeLists.txt | sed 's|^|src/|' |
+        expect_sources src/CMakeLists.txt
+}
 
-# Paths on disk that the service's code names, and the directories that they lie in.
-git ls-files 'src/*.cpp' | xargs grep -ohE '"/(data|mnt|dev|sys)/[^"]*"' | tr -d '"' | sort -u \
-    >"$work/paths"
-[ -s "$work/paths" ] || fail "found no path in src/"
-rc=android/velmar.rc
-unknown=$(grep -vE '^$|^ *#' $rc | grep -vE '^(on|service) |^    (mkdir|chown|chmod|class|user|group|capabilities|oom_score_adjust|rlimit)\b' || true)
-[ -z "$unknown" ] || fail "$rc has lines that init does not know: $unknown"
-grep -E '^/(data|mnt)/' "$work/paths" | sed 's|/[^/]*$||' | sort -u >"$work/directories"
-sed -nE 's/^    mkdir ([^ ]+) 0770 radio radio$/\1/p' $rc |
-    require_same "$work/directories" "$rc does not make the directories of src/, with mode 0770"
+# The folders in which the service's sources name something.
+folders_of_sources() {
+    grep -rohE '"/(data|mnt)/[^"]*/' src | sed 's|^"||; s|/$||' | sort -u
+}
 
-policy=android/sepolicy
-# Compiles the policy with RULE added.
+check_init() {
+    local rc=android/velmar.rc words dir mode owner
+    local made=' /data/vendor /mnt/vendor/modem_userdata '
+    words='on|mkdir|restorecon_recursive|chown|chmod'
+    words+='|service|class|user|group|capabilities|oom_score_adjust|rlimit'
+    if grep -vE "^( *#.*|( {4})?($words)( .*)?|)$" $rc >&2; then
+        fail "$rc: expected one of '$words' at the start of the lines above"
+    fi
+    while read -r _ dir mode owner; do
+        [[ $made == *" ${dir%/*} "* ]] || fail "$rc: expected the parent of $dir to be made first"
+        [[ $mode =~ ^0[0-7][0-7]0$ ]] || fail "$rc: expected $dir closed to the world, got $mode"
+        [ "$owner" = 'radio radio' ] || fail "$rc: expected $dir to be radio's, got '$owner'"
+        made+="$dir "
+    done < <(grep -E '^ +mkdir ' $rc)
+    for dir in $(folders_of_sources); do
+        [[ $made == *" $dir "* ]] || fail "$rc: expected a mkdir for $dir, which src/ names"
+    done
+}
+
+# Compiles the policy with the rules in FILE added, into $work/policy; what is wrong with it goes
+# into $work/errors.
 compile() {
-    m4 tests/sepolicy/platform.conf $policy/*.te <(echo "$1") tests/sepolicy/contexts.conf \
-        $policy/genfs_contexts >"$work/policy.conf"
-    checkpolicy -M -o "$work/policy" "$work/policy.conf" >"$work/log" 2>&1
+    m4 -s $platform/{classes.conf,macros.m4} $policy/attributes $platform/platform.te $policy/*.te \
+        "$1" $platform/contexts.conf $policy/genfs_contexts >"$work/source"
+    # The labels of properties are checked as if they were the labels of files.
+    sed -nE 's|^([^# ]+) +(u:[^ ]+).*|genfscon proc /\1 \2|p' \
+        $policy/property_contexts >>"$work/source"
+    checkpolicy -M -c 30 -o "$work/policy" "$work/source" >/dev/null 2>"$work/errors"
 }
-compile "" || fail "the policy does not compile: $(cat "$work/log")"
-while read -r rule; do
-    ! compile "$rule" || fail "the policy allows: $rule"
-    grep -q 'neverallow' "$work/log" || fail "\"$rule\" was refused otherwise: $(cat "$work/log")"
-done <<'RULES'
-allow velmar vendor_data_file:file write;
-allow velmar velmar_data_file:file create;
-allow velmar vendor_data_file:dir add_name;
-allow velmar velmar_transfer_file:dir create;
-allow velmar velmar_transfer_file:lnk_file read;
-allow velmar velmar_data_file:lnk_file create;
-allow velmar sysfs:file write;
-allow velmar system_file:file execute_no_trans;
-allow velmar rild:process transition;
-allow velmar self:tcp_socket create;
-allow velmar self:capability dac_override;
-allow velmar default_prop:property_service set;
-allow velmar vendor_velmar_config_prop:property_service set;
-allow rild velmar_channel_device:chr_file open;
-allow rild velmar_boot_device:chr_file ioctl;
-allow rild velmar:process transition;
-RULES
 
-# Every type of a context is declared, and every path has a context of the service's own.
-for type in $(grep -ohE 'object_r:[a-z_]+' $policy/*_contexts | sed 's/.*://' | sort -u); do
-    grep -qE "^type $type,|^vendor_internal_prop\($type\)" $policy/*.te ||
-        fail "a context names the type $type, which is not declared"
-done
-grep -v '^$' $policy/file_contexts | awk '{ print $1 }' >"$work/patterns"
-sed -n 's/^genfscon sysfs \([^ ]*\).*/\/sys\1/p' $policy/genfs_contexts >>"$work/patterns"
-unlabelled=$(sed 's|/$||' "$work/paths" | grep -vxE -f "$work/patterns" || true)
-[ -z "$unlabelled" ] || fail "no context matches: $unlabelled"
-echo "check_android.sh: the build file, the init script and the policy fit the sources"
+# Says which type the file contexts give PATH.
+type_of() {
+    selabel_lookup -b file -f "$work/file_contexts" -k "$1" | sed -nE 's/.*:object_r:(.*):s0$/\1/p'
+}
+
+# A limit on what is needed must be broken by the policy: one for each permission is added.
+check_granted() {
+    local path class permissions permission type right
+    while read -r path class permissions; do
+        type=$(type_of "$path") || fail "$policy: expected a label for $path"
+        for permission in $permissions; do
+            echo "$path velmar $type:$class $permission"
+        done
+    done < <(grep -vE '^(#|$)' $platform/granted) >"$work/rights"
+    sed -E 's/^[^ ]+ (.*)/neverallow \1;/' "$work/rights" >"$work/limits.te"
+    ! compile "$work/limits.te" || fail "$platform/granted: expected what the policy grants"
+    while read -r path right; do
+        grep -qF "violated by allow ${right% *} { ${right##* } };" "$work/errors" ||
+            fail "$policy: expected 'allow $right', for $path"
+    done <"$work/rights"
+    for path in $(grep -rohE '"/(data|dev|mnt|sys|vendor)/[^"]*' src | tr -d '"'); do
+        grep -qF "$path" $platform/granted ||
+            fail "$platform/granted: expected $path, which src/ names"
+    done
+}
+
+# Each rule that must not hold is added on its own.
+check_refused() {
+    local rule
+    while read -r rule; do
+        echo "$rule" >"$work/extra.te"
+        ! compile "$work/extra.te" || fail "$policy: expected it to refuse: $rule"
+        grep -qE 'neverallow failures occurred|duplicate filename transition' "$work/errors" ||
+            fail "$platform/refused.te: expected a rule, got: $rule"
+    done < <(grep -vE '^(#|$)' $platform/refused.te)
+}
+
+# The rules that the manual tells integrators to add go with the limits.
+check_advice() {
+    sed -nE '/^ *```te/,/^ *```$/p' docs/porting.md | grep -v '```' >"$work/advice.te"
+    if ! compile "$work/advice.te"; then
+        cat "$work/errors" >&2
+        fail "docs/porting.md: expected rules that compile"
+    fi
+}
+
+check_policy() {
+    if ! compile /dev/null; then
+        cat "$work/errors" >&2
+        fail "$policy: expected a policy that compiles"
+    fi
+    {
+        cat $platform/file_contexts $policy/file_contexts
+        sed -nE 's|^genfscon sysfs (.*)|/sys\1|p' $policy/genfs_contexts
+    } >"$work/file_contexts"
+    sefcontext_compile -p "$work/policy" -o "$work/compiled" "$work/file_contexts" ||
+        fail "$policy/file_contexts: expected labels that the policy knows"
+    check_granted
+    check_refused
+    check_advice
+}
+
+check_build
+check_init
+check_policy
+echo "check_android.sh: build file, init script and policy fit the service"

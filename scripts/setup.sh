@@ -20,7 +20,7 @@ case "${1:-build}" in
     all)
         packages+=(
             clang clang-format clang-tidy git libclang-rt-14-dev llvm libc++-dev libc++abi-dev
-            blueprint-tools checkpolicy m4 shellcheck
+            blueprint-tools checkpolicy m4 selinux-utils shellcheck
             g++-aarch64-linux-gnu qemu-user-static
             {libprotobuf,android-liblog,android-libbase,libssl,libgmock,libgtest}-dev:arm64
         )
