@@ -255,10 +255,10 @@ void SimulatedModem::SetAnswerPolicy(const AnswerPolicy& policy,
     policies[payload] = policy;
 }
 
-std::vector<std::string> SimulatedModem::ThermalWrites() {
+std::vector<std::string> SimulatedModem::TakeThermalWrites() {
     const std::lock_guard<std::mutex> guard(lock);
     ReadThermalWrites();
-    return thermal_writes;
+    return std::exchange(thermal_writes, {});
 }
 
 void SimulatedModem::AddFault(const FaultRule& rule) {

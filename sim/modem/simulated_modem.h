@@ -118,9 +118,9 @@ class SimulatedModem {
                          velmar_message::VelmarMessage::PayloadCase payload =
                                  velmar_message::VelmarMessage::PAYLOAD_NOT_SET);
 
-    // What was written to the thermal node since the phone's boot, each write by itself. A write
-    // that has returned is among them.
-    std::vector<std::string> ThermalWrites();
+    // Takes what was written to the thermal node and not taken before, each write by itself, oldest
+    // first. A write that has returned is among it.
+    std::vector<std::string> TakeThermalWrites();
 
     // Makes calls of the phone's programs fail. At most velmar_phone::kMaxFaults at a time.
     void AddFault(const FaultRule& rule);

@@ -27,9 +27,15 @@ using android::base::unique_fd;
 constexpr size_t kMaxWrite = size_t{1} << 20;
 constexpr int kCannotRun = 127;
 
-// Both ends of an output. Unlike a pipe it keeps the borders of the program's writes.
+// Both ends of an output. Unlike a pipe it keeps the borders of the program's writes. One that is
+// not read has no reading end.
 struct OutputEnds {
-    OutputEnds() {
+    explicit OutputEnds(bool is_read) {
+        if (!is_read) {
+            writing.reset(open("/dev/null", O_WRONLY | O_CLOEXEC));
+            if (writing < 0) ThrowErrno("open /dev/null");
+            return;
+        }
         int ends[2];
         if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) {
             ThrowErrno("socketpair");
@@ -97,8 +103,8 @@ int BecomeProgram(const Launch& launch, char* const* arguments, char* const* env
 }  // namespace
 
 ChildProcess::ChildProcess(const Launch& launch, OutputReader output, OutputReader errors) {
-    OutputEnds output_ends;
-    OutputEnds error_ends;
+    OutputEnds output_ends(output != nullptr);
+    OutputEnds error_ends(errors != nullptr);
     int report_ends[2];
     if (pipe2(report_ends, O_CLOEXEC) != 0) ThrowErrno("pipe2");
     const unique_fd report(report_ends[0]);
@@ -132,6 +138,7 @@ ChildProcess::ChildProcess(const Launch& launch, OutputReader output, OutputRead
 }
 
 void ChildProcess::StartReader(unique_fd output, OutputReader reader) {
+    if (reader == nullptr) return;
     outputs.push_back(std::move(output));
     readers.emplace_back(ReadOutput, outputs.back().get(), std::move(reader));
 }

@@ -30,12 +30,15 @@ class ChildProcess {
     // of its own for each of the two outputs.
     using OutputReader = std::function<void(const std::string&)>;
 
-    // Starts the program. Throws std::runtime_error when it cannot be run.
+    // Starts the program. An output without a reader goes nowhere. Throws std::runtime_error when
+    // the program cannot be run.
     ChildProcess(const Launch& launch, OutputReader output, OutputReader errors);
     // Kills what still runs.
     ~ChildProcess();
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
+
+    pid_t id() const { return pid; }
 
     // Whether the program has not ended yet. After its end all that it wrote has been read.
     bool IsRunning();

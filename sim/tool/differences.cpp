@@ -92,11 +92,9 @@ std::string RadioDifference(const RadioRequest& expected, const RadioRequest& ac
            ExpectedActual(DescribeRadioRequest(expected), DescribeRadioRequest(actual));
 }
 
-std::string ThermalDifference(const ThermalWrites& expected, const std::vector<std::string>& writes,
-                              size_t begin) {
+std::string ThermalDifference(const ThermalWrites& expected,
+                              const std::vector<std::string>& actual) {
     const std::vector<std::string> wanted(expected.write().begin(), expected.write().end());
-    const auto first = writes.begin() + static_cast<std::ptrdiff_t>(begin);
-    const std::vector<std::string> actual(first, writes.end());
     if (actual == wanted) return "";
     const auto describe = [](const std::vector<std::string>& all) {
         std::string text;

@@ -26,9 +26,8 @@ std::string FileDifference(const FileState& expected, const PhoneFolder& folder)
 
 std::string PropertyDifference(const PropertyState& expected, const PhoneFolder& folder);
 
-// Compares with the writes from position `begin` on.
-std::string ThermalDifference(const ThermalWrites& expected, const std::vector<std::string>& writes,
-                              size_t begin);
+std::string ThermalDifference(const ThermalWrites& expected,
+                              const std::vector<std::string>& actual);
 
 std::string RadioDifference(const RadioRequest& expected, const RadioRequest& actual);
 

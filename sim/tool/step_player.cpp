@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <regex>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "sim/tool/differences.h"
@@ -319,10 +320,11 @@ void StepPlayer::RefuseLog(const LogPattern& pattern) {
 void StepPlayer::AwaitThermalWrites(const ThermalWrites& expected) {
     std::vector<std::string> writes;
     AwaitRight([&] {
-        writes = phone->modem().ThermalWrites();
-        return ThermalDifference(expected, writes, thermal_position);
+        for (std::string& write : phone->modem().TakeThermalWrites()) {
+            writes.push_back(std::move(write));
+        }
+        return ThermalDifference(expected, writes);
     });
-    thermal_position = writes.size();
 }
 
 void StepPlayer::InjectFault(const Fault& fault) {

@@ -84,8 +84,6 @@ class StepPlayer {
     int current = 0;
     // Log lines before this one are done with.
     size_t log_position = 0;
-    // The same of writes to the thermal node.
-    size_t thermal_position = 0;
 };
 
 }  // namespace velmar_sim
