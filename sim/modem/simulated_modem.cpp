@@ -377,10 +377,16 @@ void SimulatedModem::ReadThermalWrites() {
 // Takes what the writer has written so far; gives whether it has closed the node.
 bool SimulatedModem::ReadToEnd(const ConnectionPtr& writer) {
     char buffer[kNodeBufferSize];
-    while (true) {
+    for (bool has_closed = false;;) {
         const ssize_t size = recv(writer->fd.get(), buffer, sizeof(buffer), MSG_DONTWAIT);
         if (size < 0 && errno == EAGAIN) return false;
-        if (size <= 0) return true;
+        if (size <= 0) {
+            // The kernel looks for a packet first and for the end afterwards, so that a writer who
+            // writes and closes in between seems to have ended with a packet still unread.
+            if (has_closed) return true;
+            has_closed = true;
+            continue;
+        }
         thermal_writes.emplace_back(buffer, static_cast<size_t>(size));
         Notice("velmar wrote \"" + google::protobuf::CEscape(thermal_writes.back()) + "\" to " +
                thermal.name);
