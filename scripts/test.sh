@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Builds everything and runs every test. Ends with ctest's summary.
 # Usage: scripts/test.sh [--all]
-#   --all  also checks format, lint and portability, and runs the tests again on the phone's processor
-#          (in an emulator) and under sanitizers
+#   --all  also keeps the service busy for a minute, checks format, lint and portability, and runs the
+#          tests again on the phone's processor (in an emulator) and under sanitizers
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -31,7 +31,7 @@ fi
 
 scripts/setup.sh all
 for preset in release aarch64 asan tsan; do
-    build $preset
+    build "$preset"
 done
 scripts/check_portability.sh
 scripts/check_android.sh
@@ -42,5 +42,6 @@ trap 'kill $lint 2>/dev/null || true' EXIT
 run_tests release
 run_tests aarch64
 run_tests asan
-wait $lint
+build/release/bin/velmar_soak
+wait "$lint"
 run_tests tsan
