@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Builds everything and runs every test. Ends with ctest's summary.
 # Usage: scripts/test.sh [--all]
-#   --all  also keeps the service busy for a minute, checks format, lint and portability, and runs the
-#          tests again on the phone's processor (in an emulator) and under sanitizers
+#   --all  also keeps the service busy for a minute, runs each fuzzer for 20 s, checks format, lint and
+#          portability, and runs the tests again on the phone's processor (in an emulator) and under
+#          sanitizers
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -44,4 +45,5 @@ run_tests aarch64
 run_tests asan
 build/release/bin/velmar_soak
 wait "$lint"
+scripts/fuzz.sh all 20
 run_tests tsan
