@@ -1,0 +1,93 @@
+#include "bench/contender.h"
+
+#include <errno.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <stdexcept>
+#include <utility>
+
+#include "bench/messages.h"
+#include "sim/modem/errors.h"
+#include "sim/phone/phone_state.h"
+#include "sim/tool/message_text.h"
+
+namespace velmar_bench {
+
+using velmar_sim::ThrowErrno;
+
+namespace {
+
+constexpr timeval kPatience = {20, 0};
+constexpr int kBufferBytes = 1 << 20;
+
+}  // namespace
+
+BareChannel::BareChannel(const velmar_sim::PhoneFolder& folder)
+    : listener(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) {
+    const std::string path = folder.HostPath(velmar_phone::kChannelDevice);
+    std::filesystem::remove(path);
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof(address.sun_path)) {
+        throw std::runtime_error(path + ": expected a path that fits into a socket's address");
+    }
+    memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    setsockopt(listener.get(), SOL_SOCKET, SO_RCVTIMEO, &kPatience, sizeof(kPatience));
+    if (bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
+        listen(listener.get(), 1) != 0) {
+        ThrowErrno("listen " + path);
+    }
+}
+
+void BareChannel::Accept() {
+    connection.reset(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    if (connection < 0) ThrowErrno("the program does not open the channel");
+    setsockopt(connection.get(), SOL_SOCKET, SO_SNDBUF, &kBufferBytes, sizeof(kBufferBytes));
+    setsockopt(connection.get(), SOL_SOCKET, SO_SNDTIMEO, &kPatience, sizeof(kPatience));
+    setsockopt(connection.get(), SOL_SOCKET, SO_RCVTIMEO, &kPatience, sizeof(kPatience));
+}
+
+void BareChannel::Send(const std::string& bytes) const {
+    if (send(connection.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) < 0) ThrowErrno("send");
+}
+
+std::string BareChannel::Receive() const {
+    char buffer[velmar_sim::kMaxMessageForPhone];
+    const ssize_t size = recv(connection.get(), buffer, sizeof(buffer), 0);
+    if (size < 0) ThrowErrno("no message comes");
+    return {buffer, static_cast<size_t>(size)};
+}
+
+Contender::Contender(const std::string& folder, Program what, int modem_state)
+    : phone(folder, nullptr), bare_channel(phone.folder()), program(std::move(what)) {
+    phone.modem().SetState(modem_state);
+    // A device would show the speed of whoever takes its readings.
+    phone.folder().Remove(velmar_sim::kThermalNode);
+    phone.folder().WriteFile(velmar_sim::kThermalNode, "");
+}
+
+void Contender::StartIdle() {
+    process = phone.Run(program.executable, program.argument, nullptr);
+}
+
+void Contender::Start() {
+    StartIdle();
+    bare_channel.Accept();
+    Exchange(AbsentPropertyRead().SerializeAsString(),
+             AnswerToAbsentPropertyRead().SerializeAsString());
+}
+
+void Contender::Exchange(const std::string& request, const std::string& answer) const {
+    bare_channel.Send(request);
+    const std::string found = bare_channel.Receive();
+    if (found == answer) return;
+    throw std::runtime_error("expected the answer " + velmar_sim::DescribeMessage(answer) +
+                             ", found " + velmar_sim::DescribeMessage(found));
+}
+
+}  // namespace velmar_bench
