@@ -65,8 +65,8 @@ check_init() {
 # Compiles the policy with the rules in FILE added, into $work/policy; what is wrong with it goes
 # into $work/errors.
 compile() {
-    m4 -s $platform/{classes.conf,macros.m4} $policy/attributes $platform/platform.te $policy/*.te \
-        "$1" $platform/contexts.conf $policy/genfs_contexts >"$work/source"
+    m4 -s $platform/{classes.conf,macros.m4,platform.te} $policy/*.te "$1" \
+        $platform/contexts.conf $policy/genfs_contexts >"$work/source"
     # The labels of properties are checked as if they were the labels of files.
     sed -nE 's|^([^# ]+) +(u:[^ ]+).*|genfscon proc /\1 \2|p' \
         $policy/property_contexts >>"$work/source"
