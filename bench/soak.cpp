@@ -65,13 +65,20 @@ class Soak {
         } catch (const std::exception& error) {
             std::cerr << "velmar_soak: FAILED after " << traffic.counts().messages
                       << " messages (--seed " << options.seed << "): " << error.what()
-                      << "\n  last log lines:\n"
+                      << EndOfService() << "\n  last log lines:\n"
                       << log.LastLines();
             return kFailed;
         }
     }
 
   private:
+    // What to add to a failure when the service has ended, whatever showed it first.
+    std::string EndOfService() {
+        if (traffic.service().IsRunning()) return "";
+        return "; the service has ended with " +
+               velmar_sim::ChildProcess::DescribeEnd(traffic.service().wait_status());
+    }
+
     void Play() {
         const auto begin = Clock::now();
         const auto warm = begin + std::min<Clock::duration>(duration / 4, kLongestWarmUp);
