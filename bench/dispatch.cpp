@@ -15,7 +15,7 @@
 #include "bench/bare_service.h"
 #include "bench/contender.h"
 #include "bench/messages.h"
-#include "message/velmar_message_handler.h"
+#include "handler/velmar_message_handler.h"
 #include "sim/phone/phone_state.h"
 
 namespace velmar_bench {

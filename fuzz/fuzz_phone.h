@@ -7,7 +7,7 @@
 #include "android-base/unique_fd.h"
 
 #include "file_tree.h"
-#include "message/velmar_message_handler.h"
+#include "handler/velmar_message_handler.h"
 #include "sim/modem/phone_folder.h"
 
 // When it is, for the service: 2023-11-14 22:13:20.123 UTC. As in an extended log:

@@ -5,10 +5,8 @@
 
 #include "phone_test_case.h"
 #include "service/debug_stat_config.h"
-#include "service/velmar_extended_log_message.h"
-#include "service/velmar_modem_stat_message.h"
+#include "service/payload_messages.h"
 #include "service/velmar_service_handler.h"
-#include "service/velmar_userspace_log_message.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;

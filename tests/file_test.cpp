@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "phone_test_case.h"
-#include "service/velmar_file_message.h"
+#include "service/payload_messages.h"
 #include "service/velmar_service_handler.h"
 
 using testing::ElementsAre;

@@ -1,4 +1,4 @@
-#include "message/velmar_message_handler.h"
+#include "handler/velmar_message_handler.h"
 
 #include <errno.h>
 #include <stdlib.h>

@@ -6,10 +6,10 @@
 #include <thread>
 #include <vector>
 
+#include "base/thread.h"
 #include "log_capture.h"
 #include "message/request_list.h"
 #include "message/sit_message.h"
-#include "message/thread.h"
 #include "message/token_gen.h"
 
 using testing::ElementsAre;

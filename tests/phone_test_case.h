@@ -9,8 +9,8 @@
 #include <memory>
 #include <string>
 
+#include "handler/velmar_message_handler.h"
 #include "log_capture.h"
-#include "message/velmar_message_handler.h"
 #include "sim/modem/phone_folder.h"
 #include "sim/modem/simulated_modem.h"
 

@@ -3,8 +3,8 @@
 #include <vector>
 
 #include "phone_test_case.h"
+#include "service/payload_messages.h"
 #include "service/velmar_file_directory.h"
-#include "service/velmar_property_message.h"
 #include "service/velmar_service_handler.h"
 
 using testing::ElementsAre;

@@ -1,14 +1,13 @@
 #include "io/modem_state_monitor.h"
 
-#include <android/log.h>
 #include <cutils/properties.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include "message/log_tag.h"
-#include "message/velmar_message_handler.h"
+#include "base/log.h"
+#include "handler/velmar_message_handler.h"
 
 namespace {
 
@@ -60,10 +59,10 @@ int ModemStateMonitor::Start() {
 void ModemStateMonitor::Run() {
     boot_fd = open(kBootDevice, O_RDWR);
     if (boot_fd < 0) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Failed to open MODEM_BOOT ioctl node");
+        ALOGE("Failed to open MODEM_BOOT ioctl node");
         return;
     }
-    __android_log_print(ANDROID_LOG_INFO, kLogTag, "Start modem state monitoring");
+    ALOGI("Start modem state monitoring");
     pollfd device = {};
     device.fd = boot_fd;
     device.events = kPollEvents;
@@ -72,13 +71,12 @@ void ModemStateMonitor::Run() {
         device.revents = 0;
         int ready = poll(&device, 1, timeout_ms);
         if (ready != 0 && modem_state >= 0 && (ready < 0 || (device.revents & kPollEvents) == 0)) {
-            __android_log_print(ANDROID_LOG_ERROR, kLogTag,
-                                "MODEM STATUS : unknown poll event (%d)", device.revents);
+            ALOGE("MODEM STATUS : unknown poll event (%d)", device.revents);
             sleep(kPauseSeconds);
             continue;
         }
         if (ready == 0) {
-            __android_log_print(ANDROID_LOG_INFO, kLogTag, "Poll timeout. interval=%d", timeout_ms);
+            ALOGI("Poll timeout. interval=%d", timeout_ms);
         }
         // The event only wakes this loop; it is never read from the device.
         PollModemState();
@@ -93,18 +91,17 @@ void ModemStateMonitor::PollModemState() {
     modem_state = state;
     if (state == old_state) return;
     if (state < 0 || state > kModemStateOnline) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Invalid modem state %d", state);
+        ALOGE("Invalid modem state %d", state);
         return;
     }
-    __android_log_print(ANDROID_LOG_INFO, kLogTag, "Modem state changed from %d to %d", old_state,
-                        state);
+    ALOGI("Modem state changed from %d to %d", old_state, state);
     handler->OnModemStateChanged(state);
 }
 
 int ModemStateMonitor::GetModemState() {
     int fd = boot_fd;
     if (fd < 0) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "MODEM_BOOT ioctl fd is invalid");
+        ALOGE("MODEM_BOOT ioctl fd is invalid");
         return -1;
     }
     return ioctl(fd, kGetModemState);

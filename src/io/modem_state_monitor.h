@@ -3,7 +3,7 @@
 #include <atomic>
 #include <memory>
 
-#include "message/thread.h"
+#include "base/thread.h"
 
 class VelmarMessageHandler;
 

@@ -1,11 +1,10 @@
 #include "io/sit_io_channel.h"
 
-#include <android/log.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "message/log_tag.h"
+#include "base/log.h"
 
 namespace {
 
@@ -28,8 +27,7 @@ int SitIoChannel::OpenChannel() {
     if (fd >= 0) return 0;
     int opened = open(kChannelDevice, O_RDWR);
     if (opened < 0) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Failed to open IO channel, fd: %d",
-                            opened);
+        ALOGE("Failed to open IO channel, fd: %d", opened);
         return -1;
     }
     // A sender and the reader may open at the same time; the one that comes second gives way.

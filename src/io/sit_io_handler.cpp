@@ -1,13 +1,12 @@
 #include "io/sit_io_handler.h"
 
-#include <android/log.h>
 #include <errno.h>
 #include <string.h>
 #include <sys/select.h>
 #include <unistd.h>
 
-#include "message/log_tag.h"
-#include "message/velmar_message_handler.h"
+#include "base/log.h"
+#include "handler/velmar_message_handler.h"
 
 namespace {
 
@@ -29,7 +28,7 @@ SitIoHandler::~SitIoHandler() {
 
 bool SitIoHandler::Start() {
     if (!channel) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "IO channel is not initialized.");
+        ALOGE("IO channel is not initialized.");
         return false;
     }
     if (!buffer) buffer.reset(new char[kBufferSize]);
@@ -37,20 +36,20 @@ bool SitIoHandler::Start() {
     // A thread that cannot be created gives a positive number and deliberately passes as success:
     // the service then runs on without it.
     if (thread->Start() < 0) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Thread is not initialized successfully.");
+        ALOGE("Thread is not initialized successfully.");
         return false;
     }
-    __android_log_print(ANDROID_LOG_INFO, kLogTag, "IO handler started");
+    ALOGI("IO handler started");
     return true;
 }
 
 void SitIoHandler::Run() {
     if (!channel) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "IO channel is not initialized");
+        ALOGE("IO channel is not initialized");
         return;
     }
     if (channel->OpenChannel() != 0) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Failed to open IO channel");
+        ALOGE("Failed to open IO channel");
         return;
     }
     int dirty = kBufferSize;
@@ -71,9 +70,9 @@ void SitIoHandler::Run() {
         if (select(fd + 1, &readable, nullptr, nullptr, nullptr) < 1) break;
         if (FD_ISSET(fd, &readable)) dirty = ReceiveMessage(dirty);
     }
-    __android_log_print(ANDROID_LOG_ERROR, kLogTag, "IO handler timeout");
+    ALOGE("IO handler timeout");
     channel->CloseChannel();
-    __android_log_print(ANDROID_LOG_ERROR, kLogTag, "IO handler thread stopped");
+    ALOGE("IO handler thread stopped");
 }
 
 int SitIoHandler::ReceiveMessage(int dirty) {
@@ -85,8 +84,7 @@ int SitIoHandler::ReceiveMessage(int dirty) {
         return length;
     }
     int error = errno;
-    __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Read channel error, size:%d, errno:%d", length,
-                        error);
+    ALOGE("Read channel error, size:%d, errno:%d", length, error);
     if (length == 0 || (error != EINTR && error != EAGAIN)) ReopenChannel();
     return 0;
 }
@@ -99,7 +97,7 @@ void SitIoHandler::ReopenChannel() {
 
 int SitIoHandler::SendData(char* data, int length) {
     if (!channel) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "IO channel is not initialized");
+        ALOGE("IO channel is not initialized");
         // Deliberately success for the caller.
         return 0;
     }

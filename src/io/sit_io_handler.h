@@ -2,8 +2,8 @@
 
 #include <memory>
 
+#include "base/thread.h"
 #include "io/sit_io_channel.h"
-#include "message/thread.h"
 
 class VelmarMessageHandler;
 

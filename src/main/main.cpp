@@ -1,15 +1,14 @@
-#include <android/log.h>
 #include <limits.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <cstdint>
 
+#include "base/log.h"
+#include "handler/velmar_message_handler.h"
 #include "main/command_line.h"
 #include "main/pid_file.h"
 #include "main/signal_handler.h"
-#include "message/log_tag.h"
-#include "message/velmar_message_handler.h"
 
 namespace {
 
@@ -20,10 +19,10 @@ constexpr uint8_t kSet = 1;
 bool SignalServer(int signo, const char* line) {
     pid_t pid = velmar_get_pid();
     if (pid < 1) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Failed to get pid");
+        ALOGE("Failed to get pid");
         return false;
     }
-    __android_log_print(ANDROID_LOG_INFO, kLogTag, "%s", line);
+    ALOGI("%s", line);
     kill(pid, signo);
     return true;
 }
@@ -47,11 +46,11 @@ int main(int argc, char** argv) {
     }
     if (flags.server != kSet) {
         // Deliberately an error line, though it ends every client run.
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Force to exit");
+        ALOGE("Force to exit");
         return 0;
     }
     if (VelmarMessageHandler::GetInstance()->Start() != kStatusSuccess) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Failed to start message handler");
+        ALOGE("Failed to start message handler");
         return -1;
     }
     velmar_write_pid();

@@ -1,6 +1,5 @@
 #include "main/pid_file.h"
 
-#include <android/log.h>
 #include <stdio.h>
 #include <unistd.h>
 
@@ -9,7 +8,7 @@
 #include <iterator>
 #include <string>
 
-#include "message/log_tag.h"
+#include "base/log.h"
 
 namespace {
 
@@ -21,14 +20,14 @@ constexpr int kDecimal = 10;
 int velmar_get_pid() {
     std::ifstream file(kPidFile);
     if (!file.good()) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Unable to access pid file");
+        ALOGE("Unable to access pid file");
         return -1;
     }
     try {
         std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
         return std::stoi(text, nullptr, kDecimal);
     } catch (const std::exception& error) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "%s", error.what());
+        ALOGE("%s", error.what());
         return -1;
     }
 }

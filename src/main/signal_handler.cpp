@@ -3,7 +3,7 @@
 #include <errno.h>
 #include <signal.h>
 
-#include "message/velmar_message_handler.h"
+#include "handler/velmar_message_handler.h"
 
 // The request is built, written and waited for here, none of which is safe in a signal handler. It
 // works since as a rule the main thread takes the signal, which sleeps and holds no lock.

@@ -1,6 +1,6 @@
 #include "message/request_list.h"
 
-#include "message/mutex_guard.h"
+#include "base/mutex_guard.h"
 
 namespace {
 

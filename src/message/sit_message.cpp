@@ -1,8 +1,6 @@
 #include "message/sit_message.h"
 
-#include <android/log.h>
-
-#include "message/log_tag.h"
+#include "base/log.h"
 
 using velmar_message::VelmarMessage;
 using velmar_message::VelmarMessageType;
@@ -15,7 +13,7 @@ SitMessage::SitMessage(const char* data, int length) : token_gen(nullptr) {
     if (data == nullptr || length < 1) return;
     message = std::make_unique<VelmarMessage>();
     if (!message->ParseFromArray(data, length)) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "ParseFromArray failed");
+        ALOGE("ParseFromArray failed");
     }
 }
 
@@ -79,11 +77,11 @@ bool SitMessage::InitialHeader(VelmarMessage::PayloadCase id, VelmarMessageType 
 
 bool SitMessage::SerializeSendMessage(char* buffer, int length) {
     if (!message) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Message not exist");
+        ALOGE("Message not exist");
         return false;
     }
     if (!message->SerializeToArray(buffer, length)) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "SerializeToArray failed!");
+        ALOGE("SerializeToArray failed!");
         return false;
     }
     return true;
@@ -91,12 +89,12 @@ bool SitMessage::SerializeSendMessage(char* buffer, int length) {
 
 int SitMessage::GetProtobufSerialDataLength() {
     if (!message) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Message not exist");
+        ALOGE("Message not exist");
         return 0;
     }
     int length = static_cast<int>(message->ByteSizeLong());
     if (length < 1) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Protobuf length is invalid %d", length);
+        ALOGE("Protobuf length is invalid %d", length);
     }
     return length;
 }

@@ -1,6 +1,6 @@
 #include "message/token_gen.h"
 
-#include "message/mutex_guard.h"
+#include "base/mutex_guard.h"
 
 TokenGen* TokenGen::instance = nullptr;
 

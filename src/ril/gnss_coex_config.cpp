@@ -2,14 +2,13 @@
 
 #include <android-base/file.h>
 #include <android-base/strings.h>
-#include <android/log.h>
 
 #include <cmath>
 #include <limits>
 #include <utility>
 
-#include "message/log_tag.h"
-#include "message/velmar_status.h"
+#include "base/log.h"
+#include "base/velmar_status.h"
 #include "ril/ril_helper.h"
 
 using android::base::ReadFileToString;
@@ -109,12 +108,10 @@ void SendEntry(RilRequestHelper* helper, const std::string& line) {
             helper->Send(kRequestEntry, record.data(), record.size(), kRequestSeconds);
             break;
         case GnssCoexLine::kTooShort:
-            __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Invalid GNSS coex config line - %s",
-                                line.c_str());
+            ALOGE("Invalid GNSS coex config line - %s", line.c_str());
             break;
         case GnssCoexLine::kIncomplete:
-            __android_log_print(ANDROID_LOG_ERROR, kLogTag,
-                                "Invalid band1 GNSS coex configuration - %s", line.c_str());
+            ALOGE("Invalid band1 GNSS coex configuration - %s", line.c_str());
             break;
     }
 }
@@ -169,22 +166,20 @@ GnssCoexLine MakeGnssCoexRecord(const std::string& line, GnssCoexRecord* record)
 }
 
 int LoadGnssCoexConfig() {
-    __android_log_print(ANDROID_LOG_INFO, kLogTag, "Configuring GNSS coex");
+    ALOGI("Configuring GNSS coex");
     RilRequestHelper* helper = RilRequestHelper::GetInstance();
     if (helper == nullptr) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag,
-                            "Failed to connect to RIL to send GNSS coex configuration");
+        ALOGE("Failed to connect to RIL to send GNSS coex configuration");
         return kStatusNotFound;
     }
     std::string content;
     if (!ReadConfig(&content)) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag,
-                            "Failed to read any GNSS coex configuration file");
+        ALOGE("Failed to read any GNSS coex configuration file");
         return kStatusNotFound;
     }
     GnssCoexText text = SplitGnssCoexText(content);
     if (!text.has_lines) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Invalid GNSS coex configuration file");
+        ALOGE("Invalid GNSS coex configuration file");
     }
     GnssCoexHeader header = MakeGnssCoexHeader(text.first_line);
     helper->Send(kRequestFirstLine, header.data(), header.size(), kRequestSeconds);

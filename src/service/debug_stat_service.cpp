@@ -1,12 +1,11 @@
-#include <android/log.h>
 #include <sys/stat.h>
 
 #include <cstddef>
 #include <fstream>
 #include <vector>
 
-#include "message/log_tag.h"
-#include "message/velmar_status.h"
+#include "base/log.h"
+#include "base/velmar_status.h"
 #include "service/debug_stat_config.h"
 #include "service/velmar_service_handler.h"
 
@@ -33,19 +32,19 @@ int VelmarServiceHandler::LoadDebugStatConfig() {
     size_t size = 0;
     const char* path = FindConfig(&size);
     if (path == nullptr) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Not found any config file");
+        ALOGE("Not found any config file");
         return kStatusNotFound;
     }
     std::ifstream file(path);
     if (!file.is_open()) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Failed to open config file %s", path);
+        ALOGE("Failed to open config file %s", path);
         return kStatusNotFound;
     }
     // A file that has grown since is read up to one byte more, which still leaves a zero at the
     // end.
     std::vector<char> text(size + 2);
     file.read(text.data(), static_cast<std::streamsize>(size + 1));
-    __android_log_print(ANDROID_LOG_INFO, kLogTag, "Read config: %s", path);
+    ALOGI("Read config: %s", path);
     for (char* entry : SplitDebugStatConfig(text.data())) LoadDebugStatModuleConfig(entry);
     return kStatusSuccess;
 }
@@ -53,10 +52,10 @@ int VelmarServiceHandler::LoadDebugStatConfig() {
 void VelmarServiceHandler::LoadDebugStatModuleConfig(char* entry) {
     DebugStatEntry config;
     if (!ParseDebugStatEntry(entry, &config)) {
-        __android_log_print(ANDROID_LOG_INFO, kLogTag, "Failed to get module name");
+        ALOGI("Failed to get module name");
         return;
     }
-    __android_log_print(ANDROID_LOG_INFO, kLogTag, "Send debug stat config: %s, v=%d, t=%d",
-                        config.module.c_str(), config.value, config.type);
+    ALOGI("Send debug stat config: %s, v=%d, t=%d", config.module.c_str(), config.value,
+          config.type);
     SendModemStatEnableRequest(config.module, config.value, static_cast<unsigned int>(config.type));
 }

@@ -1,7 +1,6 @@
 #include <android-base/file.h>
 #include <android-base/stringprintf.h>
 #include <android-base/unique_fd.h>
-#include <android/log.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <sys/stat.h>
@@ -11,9 +10,9 @@
 
 #include <string>
 
-#include "message/log_tag.h"
-#include "message/velmar_status.h"
-#include "service/velmar_extended_log_message.h"
+#include "base/log.h"
+#include "base/velmar_status.h"
+#include "service/payload_messages.h"
 #include "service/velmar_service_handler.h"
 
 using android::base::StringPrintf;
@@ -77,7 +76,7 @@ int VelmarServiceHandler::OnReceiveExtendedLogIndication(SitMessage* message) {
     Rotate(path);
     unique_fd file(open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, kLogMode));
     if (!file.ok()) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Failed to open extended log file");
+        ALOGE("Failed to open extended log file");
         return kStatusNotFound;
     }
     timeval now;

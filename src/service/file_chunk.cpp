@@ -2,7 +2,6 @@
 
 #include <android-base/file.h>
 #include <android-base/unique_fd.h>
-#include <android/log.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/sendfile.h>
@@ -11,7 +10,7 @@
 
 #include <memory>
 
-#include "message/log_tag.h"
+#include "base/log.h"
 #include "service/velmar_file_directory.h"
 
 using android::base::unique_fd;
@@ -58,9 +57,8 @@ bool MatchesTempFile(const std::string& temp_path, uint32_t offset) {
     struct stat status;
     // A file that is missing is deliberately begun in the middle.
     if (stat(temp_path.c_str(), &status) != 0 || status.st_size == offset) return true;
-    __android_log_print(ANDROID_LOG_ERROR, kLogTag,
-                        "Bad offset 0x%X comparing to the expected one: 0x%lX", offset,
-                        static_cast<unsigned long>(status.st_size));
+    ALOGE("Bad offset 0x%X comparing to the expected one: 0x%lX", offset,
+          static_cast<unsigned long>(status.st_size));
     return false;
 }
 
@@ -68,13 +66,12 @@ bool AppendToTempFile(const std::string& temp_path, const std::string& data,
                       const FileChunkLines& lines) {
     unique_fd temp(open(temp_path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, kTempMode));
     if (!temp.ok()) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag, lines.open_failed, temp_path.c_str());
+        ALOGE(lines.open_failed, temp_path.c_str());
         return false;
     }
-    __android_log_print(ANDROID_LOG_INFO, kLogTag, "size: 0x%lX",
-                        static_cast<unsigned long>(data.size()));
+    ALOGI("size: 0x%lX", static_cast<unsigned long>(data.size()));
     if (!WriteFully(temp, data.data(), data.size())) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Failed to write temp file correctly");
+        ALOGE("Failed to write temp file correctly");
         return false;
     }
     temp.reset();
@@ -88,7 +85,7 @@ bool CopyToTarget(const std::string& temp_path, const std::string& target_path) 
     unique_fd target(
             open(target_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kTargetMode));
     if (!temp.ok() || !target.ok()) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "File transfer failed.");
+        ALOGE("File transfer failed.");
         return false;
     }
     // The mode is set on the file, since the umask is the whole process's and the main thread may
@@ -105,8 +102,7 @@ bool ReplaceTarget(const std::string& temp_path, const std::string& prefix,
     unlink(target_path.c_str());
     struct stat status;
     if (stat(prefix.c_str(), &status) != 0) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag,
-                            "File/path %s does not exist or permission denied.", prefix.c_str());
+        ALOGE("File/path %s does not exist or permission denied.", prefix.c_str());
         return false;
     }
     bool copied = CopyToTarget(temp_path, target_path);
@@ -118,44 +114,37 @@ bool ReplaceTarget(const std::string& temp_path, const std::string& prefix,
 }  // namespace
 
 FileChunkOutcome StoreFileChunk(const FileChunk& chunk, const FileChunkLines& lines) {
-    if (chunk.file_dir != velmar_message::FILE_DIRECTORY_MDS &&
-        chunk.file_dir != velmar_message::FILE_DIRECTORY_REPLAY) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Bad file directory: %d", chunk.file_dir);
+    if (!VelmarFileDirectoryTable::Contains(chunk.file_dir)) {
+        ALOGE("Bad file directory: %d", chunk.file_dir);
         return kBadDirectory;
     }
     const std::string prefix = VelmarFileDirectoryTable::FindDirectoryFromId(chunk.file_dir);
     const std::string target_path = prefix + *chunk.file_name;
     const std::string temp_path = kTempDirectory + *chunk.file_name;
-    __android_log_print(ANDROID_LOG_INFO, kLogTag, "offset: 0x%X, size: 0x%X", chunk.offset,
-                        chunk.max_data_size);
-    __android_log_print(ANDROID_LOG_INFO, kLogTag, "prefix: %s\nfile_name: %s", prefix.c_str(),
-                        chunk.file_name->c_str());
+    ALOGI("offset: 0x%X, size: 0x%X", chunk.offset, chunk.max_data_size);
+    ALOGI("prefix: %s\nfile_name: %s", prefix.c_str(), chunk.file_name->c_str());
     if (chunk.offset >= chunk.max_data_size) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Bad max_data_size 0x%X or offset 0x%X",
-                            chunk.max_data_size, chunk.offset);
+        ALOGE("Bad max_data_size 0x%X or offset 0x%X", chunk.max_data_size, chunk.offset);
         return kBadOffset;
     }
-    __android_log_print(lines.handle_priority, kLogTag,
-                        "Handle file write operation to path: %s for offset: 0x%X (total: 0x%X)",
-                        target_path.c_str(), chunk.offset, chunk.max_data_size);
+    LOG_PRI(lines.handle_priority, LOG_TAG,
+            "Handle file write operation to path: %s for offset: 0x%X (total: 0x%X)",
+            target_path.c_str(), chunk.offset, chunk.max_data_size);
     struct stat status;
     if (stat(kTempDirectory, &status) != 0) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag,
-                            "Temp file directory %s does not exist or permission denied.",
-                            kTempDirectory);
+        ALOGE("Temp file directory %s does not exist or permission denied.", kTempDirectory);
         return kFailed;
     }
     if (!MatchesTempFile(temp_path, chunk.offset)) return kBadOffset;
     if (!AppendToTempFile(temp_path, *chunk.data, lines)) return kFailed;
     if (stat(temp_path.c_str(), &status) != 0) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag,
-                            "Temp file %s does not exist or permission denied.", temp_path.c_str());
+        ALOGE("Temp file %s does not exist or permission denied.", temp_path.c_str());
         return kFailed;
     }
     // More is to come; or too much came, which only a new start at 0 mends.
     if (status.st_size != chunk.max_data_size) return kStored;
     if (!ReplaceTarget(temp_path, prefix, target_path)) return kFailed;
     // The error priority of this line is deliberate.
-    __android_log_print(ANDROID_LOG_ERROR, kLogTag, "%s", lines.moved);
+    ALOGE("%s", lines.moved);
     return kStored;
 }

@@ -1,10 +1,9 @@
-#include <android/log.h>
 
-#include "message/log_tag.h"
-#include "message/velmar_message_handler.h"
-#include "message/velmar_status.h"
+#include "base/log.h"
+#include "base/velmar_status.h"
+#include "handler/velmar_message_handler.h"
 #include "service/file_chunk.h"
-#include "service/velmar_file_message.h"
+#include "service/payload_messages.h"
 #include "service/velmar_service_handler.h"
 
 using velmar_message::FileMessage;
@@ -25,17 +24,16 @@ const FileMessage* FileMessageOf(SitMessage* message) {
 template <typename FileWrite>
 bool GetChunk(const FileWrite& write, const char* what, FileChunk* chunk) {
     if (!write.has_file_dir()) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "%s requires a file_dir", what);
+        ALOGE("%s requires a file_dir", what);
         return false;
     }
     if (!write.has_file_name()) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "%s requires a file_name", what);
+        ALOGE("%s requires a file_name", what);
         return false;
     }
     *chunk = {write.file_dir(), &write.file_name(), &write.data(), write.max_data_size(),
               write.offset()};
-    __android_log_print(ANDROID_LOG_INFO, kLogTag, "file dir: %d and name: %s", chunk->file_dir,
-                        chunk->file_name->c_str());
+    ALOGI("file dir: %d and name: %s", chunk->file_dir, chunk->file_name->c_str());
     return true;
 }
 
@@ -45,8 +43,7 @@ int VelmarServiceHandler::OnReceiveFileWriteRequest(SitMessage* request) {
     const FileMessage* file_message = FileMessageOf(request);
     if (file_message == nullptr || !file_message->has_file_write_request()) return kStatusInvalid;
     if (!file_message->file_write_request().legacy_field().empty()) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag,
-                            "Old FileWriteRequest is no longer supported");
+        ALOGE("Old FileWriteRequest is no longer supported");
         return kStatusInvalid;
     }
     FileChunk chunk;
@@ -73,8 +70,7 @@ int VelmarServiceHandler::OnReceiveFileWriteIndication(SitMessage* indication) {
     // with a legacy_field is taken like any other.
     if (file_message->file_write_indication().has_legacy_field() &&
         !file_message->file_write_request().legacy_field().empty()) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag,
-                            "Old FileWriteIndication is no longer supported");
+        ALOGE("Old FileWriteIndication is no longer supported");
         return kStatusInvalid;
     }
     FileChunk chunk;

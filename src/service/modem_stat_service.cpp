@@ -1,14 +1,13 @@
 #include <android-base/unique_fd.h>
-#include <android/log.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
 
-#include "message/log_tag.h"
-#include "message/velmar_status.h"
-#include "service/velmar_modem_stat_message.h"
+#include "base/log.h"
+#include "base/velmar_status.h"
+#include "service/payload_messages.h"
 #include "service/velmar_service_handler.h"
 
 using android::base::unique_fd;
@@ -69,7 +68,7 @@ int VelmarServiceHandler::OnReceiveModemStatReportIndication(SitMessage* message
     if (!report.has_data()) return kStatusInvalid;
     unique_fd dump = OpenDump(report);
     if (!dump.ok()) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Failed to open modemstat dump file");
+        ALOGE("Failed to open modemstat dump file");
         return kStatusSuccess;
     }
     [[maybe_unused]] ssize_t written =

@@ -1,13 +1,12 @@
-#include <android/log.h>
 #include <cutils/properties.h>
 #include <sys/system_properties.h>
 
 #include <string>
 
-#include "message/log_tag.h"
-#include "message/velmar_message_handler.h"
-#include "message/velmar_status.h"
-#include "service/velmar_property_message.h"
+#include "base/log.h"
+#include "base/velmar_status.h"
+#include "handler/velmar_message_handler.h"
+#include "service/payload_messages.h"
 #include "service/velmar_service_handler.h"
 
 using velmar_message::PropertyMessage;
@@ -23,13 +22,11 @@ void Write(const PropertyWriteRequest& request, VelmarPropertyMessage* response)
     const std::string& value = request.value();
     response->FillWriteResponse();
     if (property_set(name.c_str(), value.c_str()) != 0) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Failed to write property %s with value %s",
-                            name.c_str(), value.c_str());
+        ALOGE("Failed to write property %s with value %s", name.c_str(), value.c_str());
         response->SetResult(velmar_message::PROPERTY_FAILURE);
         return;
     }
-    __android_log_print(ANDROID_LOG_INFO, kLogTag, "Write property %s with value %s", name.c_str(),
-                        value.c_str());
+    ALOGI("Write property %s with value %s", name.c_str(), value.c_str());
     response->SetResult(velmar_message::SUCCESS);
 }
 
@@ -39,13 +36,12 @@ void Read(const PropertyReadRequest& request, VelmarPropertyMessage* response) {
     // property_get alone gives an unset property as an empty one; the modem is told them apart.
     if (__system_property_find(name.c_str()) == nullptr ||
         property_get(name.c_str(), value, "") < 0) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Failed to read property %s", name.c_str());
+        ALOGE("Failed to read property %s", name.c_str());
         response->FillReadResponse("");
         response->SetResult(velmar_message::PROPERTY_FAILURE);
         return;
     }
-    __android_log_print(ANDROID_LOG_INFO, kLogTag, "Read property %s with value %s", name.c_str(),
-                        value);
+    ALOGI("Read property %s with value %s", name.c_str(), value);
     response->FillReadResponse(value);
     response->SetResult(velmar_message::SUCCESS);
 }

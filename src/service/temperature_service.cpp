@@ -1,14 +1,13 @@
 #include <android-base/file.h>
 #include <android-base/unique_fd.h>
-#include <android/log.h>
 #include <fcntl.h>
 
 #include <string>
 
-#include "message/log_tag.h"
-#include "message/velmar_message_handler.h"
-#include "message/velmar_status.h"
-#include "service/reply_message.h"
+#include "base/log.h"
+#include "base/velmar_status.h"
+#include "handler/velmar_message_handler.h"
+#include "service/payload_messages.h"
 #include "service/velmar_service_handler.h"
 
 using android::base::unique_fd;
@@ -25,14 +24,12 @@ constexpr mode_t kNodeMode = 0666;
 void PassToDriver(const ModemTemperatureSetRequest& request) {
     unique_fd node(open(kTemperatureNode, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kNodeMode));
     if (!node.ok()) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Failed to open modem temperature driver");
+        ALOGE("Failed to open modem temperature driver");
         return;
     }
     for (const SensorTemperature& reading : request.sensors()) {
-        __android_log_print(ANDROID_LOG_DEBUG, kLogTag,
-                            "Temp sensor %d - Update %d - Temperature %d",
-                            static_cast<int>(reading.sensor()), reading.update() ? 1 : 0,
-                            static_cast<int>(reading.temperature()));
+        ALOGD("Temp sensor %d - Update %d - Temperature %d", static_cast<int>(reading.sensor()),
+              reading.update() ? 1 : 0, static_cast<int>(reading.temperature()));
         // The driver takes one reading a write; one that it refuses does not keep the next from it.
         WriteStringToFd(std::to_string(reading.sensor()) + (reading.update() ? " 1 " : " 0 ") +
                                 std::to_string(reading.temperature()) + "\n",
@@ -49,8 +46,8 @@ int VelmarServiceHandler::OnReceiveModemTemperatureRequest(SitMessage* request) 
     }
     PassToDriver(request->GetVelmarMessage()->modem_temperature_message().set_request());
     // Whatever the driver did, the modem is told no result.
-    ReplyMessage response(VelmarMessage::kModemTemperatureMessage, velmar_message::RESPONSE,
-                          request);
+    ResponseMessage response(VelmarMessage::kModemTemperatureMessage, velmar_message::RESPONSE,
+                             request);
     VelmarMessage* envelope = response.GetSitMessage()->GetVelmarMessage();
     envelope->mutable_modem_temperature_message()->mutable_set_response();
     return message_handler->SendResponse(response.GetSitMessage());

@@ -1,13 +1,12 @@
-#include <android/log.h>
 
 #include <cstdint>
 #include <fstream>
 #include <string>
 
-#include "message/log_tag.h"
-#include "message/velmar_status.h"
+#include "base/log.h"
+#include "base/velmar_status.h"
+#include "service/payload_messages.h"
 #include "service/velmar_service_handler.h"
-#include "service/velmar_userspace_log_message.h"
 
 using velmar_message::UserspaceLogIndication;
 
@@ -37,13 +36,11 @@ int VelmarServiceHandler::SendUserspaceLogEnableRequest() {
     std::ifstream file(kConfigFile);
     if (!file) {
         // A phone without one is as usual as one with it.
-        __android_log_print(ANDROID_LOG_DEBUG, kLogTag,
-                            "Modem userspace logging config does not exist");
+        ALOGD("Modem userspace logging config does not exist");
         return kStatusSuccess;
     }
     for (std::string line; std::getline(file, line);) {
-        __android_log_print(ANDROID_LOG_INFO, kLogTag, "Enabling modem userspace logging file %s",
-                            line.c_str());
+        ALOGI("Enabling modem userspace logging file %s", line.c_str());
         SendUserspaceLogEnableRequestMessage(line);
     }
     return kStatusSuccess;
@@ -63,6 +60,6 @@ int VelmarServiceHandler::OnReceiveUserspaceLogIndication(SitMessage* message) {
     }
     const UserspaceLogIndication& log =
             message->GetVelmarMessage()->userspace_log_message().indication();
-    __android_log_print(PriorityOfLevel(log.level()), kLogTag, "Modem: %s", log.text().c_str());
+    LOG_PRI(PriorityOfLevel(log.level()), LOG_TAG, "Modem: %s", log.text().c_str());
     return kStatusSuccess;
 }

@@ -22,8 +22,19 @@ VelmarFileDirectory VelmarFileDirectoryTable::table[3] = {
         {velmar_message::FILE_DIRECTORY_REPLAY, "/mnt/vendor/modem_userdata/replay/"},
 };
 
+const VelmarFileDirectory* VelmarFileDirectoryTable::FindRow(FileDirectory id) {
+    // Row 0 stands for every number that names no directory, its own included.
+    for (const VelmarFileDirectory* row : {&table[1], &table[2]}) {
+        if (row->id == id) return row;
+    }
+    return nullptr;
+}
+
 std::string VelmarFileDirectoryTable::FindDirectoryFromId(FileDirectory id) {
-    if (id == table[1].id) return table[1].prefix;
-    if (id == table[2].id) return table[2].prefix;
-    return kUnknown;
+    const VelmarFileDirectory* row = FindRow(id);
+    return row != nullptr ? row->prefix : kUnknown;
+}
+
+bool VelmarFileDirectoryTable::Contains(FileDirectory id) {
+    return FindRow(id) != nullptr;
 }

@@ -22,6 +22,12 @@ class VelmarFileDirectoryTable {
     // thread.
     static std::string FindDirectoryFromId(velmar_message::FileDirectory id);
 
+    // Whether `id` names a directory that takes files. Any thread.
+    static bool Contains(velmar_message::FileDirectory id);
+
   private:
+    // The row of directory `id`; null when `id` names none.
+    static const VelmarFileDirectory* FindRow(velmar_message::FileDirectory id);
+
     static VelmarFileDirectory table[3];
 };

@@ -1,12 +1,17 @@
 #include "service/velmar_service_handler.h"
 
-#include <android/log.h>
-
-#include "message/log_tag.h"
-#include "message/velmar_status.h"
+#include "base/log.h"
+#include "base/velmar_status.h"
+#include "handler/velmar_message_handler.h"
 #include "ril/gnss_coex_config.h"
 
 using velmar_message::VelmarMessage;
+
+namespace {
+
+constexpr unsigned int kRequestTimeoutSeconds = 3;
+
+}  // namespace
 
 VelmarServiceHandler::VelmarServiceHandler(VelmarMessageHandler* handler)
     : message_handler(handler) {}
@@ -18,17 +23,16 @@ int VelmarServiceHandler::OnReceiveRequest(SitMessage* message) {
     int id = message->GetMessageId() & 0xFFFF;
     switch (id) {
         case VelmarMessage::kModemTemperatureMessage:
-            __android_log_print(ANDROID_LOG_INFO, kLogTag, "Got modem temperature request");
+            ALOGI("Got modem temperature request");
             return OnReceiveModemTemperatureRequest(message);
         case VelmarMessage::kFileMessage:
-            __android_log_print(ANDROID_LOG_INFO, kLogTag, "Got File write request");
+            ALOGI("Got File write request");
             return OnReceiveFileWriteRequest(message);
         case VelmarMessage::kPropertyMessage:
-            __android_log_print(ANDROID_LOG_INFO, kLogTag, "Get property request");
+            ALOGI("Get property request");
             return OnReceivePropertyRequest(message);
         default:
-            __android_log_print(ANDROID_LOG_ERROR, kLogTag,
-                                "RequestHandler: Unsupported message id %d", id);
+            ALOGE("RequestHandler: Unsupported message id %d", id);
             return kStatusUnsupported;
     }
 }
@@ -38,20 +42,19 @@ int VelmarServiceHandler::OnReceiveIndication(SitMessage* message) {
     int id = message->GetMessageId() & 0xFFFF;
     switch (id) {
         case VelmarMessage::kModemStatMessage:
-            __android_log_print(ANDROID_LOG_INFO, kLogTag, "Got modemstat report indication");
+            ALOGI("Got modemstat report indication");
             return OnReceiveModemStatReportIndication(message);
         case VelmarMessage::kExtendedLogMessage:
-            __android_log_print(ANDROID_LOG_INFO, kLogTag, "Got extended log indication");
+            ALOGI("Got extended log indication");
             return OnReceiveExtendedLogIndication(message);
         case VelmarMessage::kUserspaceLogMessage:
-            __android_log_print(ANDROID_LOG_INFO, kLogTag, "Got userspace log indication");
+            ALOGI("Got userspace log indication");
             return OnReceiveUserspaceLogIndication(message);
         case VelmarMessage::kFileMessage:
-            __android_log_print(ANDROID_LOG_INFO, kLogTag, "Got File write indication");
+            ALOGI("Got File write indication");
             return OnReceiveFileWriteIndication(message);
         default:
-            __android_log_print(ANDROID_LOG_ERROR, kLogTag,
-                                "IndicationHandler: Unsupported message id %d", id);
+            ALOGE("IndicationHandler: Unsupported message id %d", id);
             return kStatusUnsupported;
     }
 }
@@ -69,7 +72,33 @@ int VelmarServiceHandler::SendServiceRequest(unsigned int command) {
         case kCommandGnssCoexConfig:
             return LoadGnssCoexConfig();
         default:
-            __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Unsupport command type %d", command);
+            ALOGE("Unsupport command type %d", command);
             return kStatusInvalid;
     }
+}
+
+bool VelmarServiceHandler::CheckModemOnline() {
+    if (message_handler->IsModemOnline()) return true;
+    ALOGE("Modem is not online");
+    return false;
+}
+
+int VelmarServiceHandler::ExchangeRequest(SitMessage* request, const ExchangeLines& lines) {
+    ALOGI("%s", lines.sending);
+    int status = message_handler->SendRequest(request, kRequestTimeoutSeconds);
+    if (status != kStatusSuccess) {
+        // Its record deliberately stays: a late response is still stored.
+        ALOGE("Failed to send request, status:%d", status);
+        return status;
+    }
+    RequestRecord record = message_handler->GetRequestRecord(request->GetToken());
+    bool succeeded =
+            record.message != nullptr && record.message->GetResult() == velmar_message::SUCCESS;
+    if (succeeded) {
+        ALOGI("%s", lines.succeeded);
+    } else {
+        ALOGE("%s", lines.failed);
+    }
+    message_handler->RemoveRequestRecord(request->GetToken());
+    return succeeded ? kStatusSuccess : kStatusRefused;
 }

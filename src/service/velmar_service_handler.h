@@ -35,52 +35,55 @@ class VelmarServiceHandler {
     VelmarServiceHandler(const VelmarServiceHandler&) = delete;
     VelmarServiceHandler& operator=(const VelmarServiceHandler&) = delete;
 
-    // Handles one request of the modem, its answer included. Returns what the request's handler
-    // returns, 2 for what is not a request, 1 for a payload without a handler, which is not
-    // answered. IO thread only.
+    // Handles one request of the modem and sends its response. Returns what the request's handler
+    // returns, kStatusInvalid for a message that is not a request, kStatusUnsupported for a payload
+    // without a handler, to which nothing is sent. IO thread only.
     int OnReceiveRequest(SitMessage* message);
 
-    // Handles one indication of the modem. Returns what the indication's handler returns, 2 for
-    // what is not an indication, 1 for a payload without a handler. IO thread only.
+    // Handles one indication of the modem. Returns what the indication's handler returns,
+    // kStatusInvalid for a message that is not an indication, kStatusUnsupported for a payload
+    // without a handler. IO thread only.
     int OnReceiveIndication(SitMessage* message);
 
-    // Carries out a VelmarServiceCommand to its end. Returns what the command returns, 2 for a
-    // number that is none. Any thread but the IO thread.
+    // Carries out a VelmarServiceCommand to its end. Returns what the command returns,
+    // kStatusInvalid for an unknown number. Any thread but the IO thread.
     int SendServiceRequest(unsigned int command);
 
-    // Passes the modem's temperature readings to the thermal driver and answers. Returns 2 for what
-    // is no set request, unanswered, else the status of sending the answer. IO thread only.
+    // Passes the modem's temperature readings to the thermal driver and sends the response. Returns
+    // kStatusInvalid, with nothing sent, for any other payload, else the status of sending the
+    // response. IO thread only.
     int OnReceiveModemTemperatureRequest(SitMessage* request);
 
-    // Stores one chunk of a file and answers. Returns 2 for what is no well-formed request,
-    // unanswered; 8 when the chunk could not be stored, as the answer says; else the status of
-    // sending the answer. IO thread only.
+    // Stores one chunk of a file and sends the response. Returns kStatusInvalid, with nothing sent,
+    // for a malformed request; kStatusNotFound when the chunk could not be stored, as the response
+    // says; else the status of sending the response. IO thread only.
     int OnReceiveFileWriteRequest(SitMessage* request);
 
-    // Stores one chunk of a file. Returns 0, 2 for what is no well-formed indication, 8 when the
-    // chunk could not be stored. IO thread only.
+    // Stores one chunk of a file. Returns kStatusSuccess, kStatusInvalid for a malformed
+    // indication, kStatusNotFound when the chunk could not be stored. IO thread only.
     int OnReceiveFileWriteIndication(SitMessage* indication);
 
-    // Reads or sets a system property and answers. Returns 2 for what is neither, unanswered, else
-    // the status of sending the answer. IO thread only.
+    // Reads or sets a system property and sends the response. Returns kStatusInvalid, with nothing
+    // sent, for any other payload, else the status of sending the response. IO thread only.
     int OnReceivePropertyRequest(SitMessage* request);
 
-    // Asks the modem for a statistics report. Returns 0 when the modem answered, whatever it said,
-    // 3 when it is not online, else the status of sending the request. Any thread but the IO
-    // thread.
+    // Asks the modem for a statistics report. Returns kStatusSuccess when the modem responded,
+    // whatever it said, kStatusOffline when it is not online, else the status of sending the
+    // request. Any thread but the IO thread.
     int SendModemStatReportRequest();
 
     // Asks the modem to keep statistics for `module`; a `value` below 0 and a `type` of 0 are not
-    // given. Returns 0, 9 when the modem refused, 3 when it is not online, else the status of
-    // sending the request. Any thread but the IO thread.
+    // given. Returns kStatusSuccess, kStatusRefused when the modem refused, kStatusOffline when it
+    // is not online, else the status of sending the request. Any thread but the IO thread.
     int SendModemStatEnableRequest(const std::string& module, int value, unsigned int type);
 
-    // Writes a piece of a statistics report to the dump file. Returns 0, whether or not the file
-    // could be opened, or 2 for what is no report. IO thread only.
+    // Writes a piece of a statistics report to the dump file. Returns kStatusSuccess, whether or
+    // not the file could be opened, or kStatusInvalid for any other message. IO thread only.
     int OnReceiveModemStatReportIndication(SitMessage* message);
 
-    // Asks the modem for the statistics that the configuration names, entry by entry. Returns 0, or
-    // 8 when there is no configuration that can be read. Any thread but the IO thread.
+    // Asks the modem for the statistics that the configuration names, entry by entry. Returns
+    // kStatusSuccess, or kStatusNotFound when there is no configuration that can be read. Any
+    // thread but the IO thread.
     int LoadDebugStatConfig();
 
     // Asks the modem for what one entry of the configuration says, cutting it up in place. Any
@@ -91,19 +94,21 @@ class VelmarServiceHandler {
     // but the IO thread.
     int SendExtendedLogRequest();
 
-    // Appends text to an extended log file. Returns 0, 2 for what is no such text, 8 when the file
-    // cannot be opened. IO thread only.
+    // Appends text to an extended log file. Returns kStatusSuccess, kStatusInvalid for any other
+    // message, kStatusNotFound when the file cannot be opened. IO thread only.
     int OnReceiveExtendedLogIndication(SitMessage* message);
 
-    // Asks the modem for the log lines that the configuration names, name by name. Returns 0, also
-    // without a configuration, or 3 when the modem is not online. Any thread but the IO thread.
+    // Asks the modem for the log lines that the configuration names, name by name. Returns
+    // kStatusSuccess, also without a configuration, or kStatusOffline when the modem is not online.
+    // Any thread but the IO thread.
     int SendUserspaceLogEnableRequest();
 
-    // Asks the modem for the log lines of one name. Returns 0, 9 when the modem refused, else the
-    // status of sending the request. Any thread but the IO thread.
+    // Asks the modem for the log lines of one name. Returns kStatusSuccess, kStatusRefused when the
+    // modem refused, else the status of sending the request. Any thread but the IO thread.
     int SendUserspaceLogEnableRequestMessage(const std::string& name);
 
-    // Logs one line of the modem. Returns 0, or 2 for what is no such line. IO thread only.
+    // Logs one line of the modem. Returns kStatusSuccess, or kStatusInvalid for any other message.
+    // IO thread only.
     int OnReceiveUserspaceLogIndication(SitMessage* message);
 
   protected:
@@ -113,7 +118,7 @@ class VelmarServiceHandler {
     // Whether the modem is online; logs when it is not.
     bool CheckModemOnline();
 
-    // Sends a request and waits for its answer. Returns 0, 9 when the modem refused, else the
-    // status of sending the request.
+    // Sends a request and waits for its response. Returns kStatusSuccess, kStatusRefused when the
+    // modem refused, else the status of sending the request.
     int ExchangeRequest(SitMessage* request, const ExchangeLines& lines);
 };

@@ -5,11 +5,11 @@
 #include <memory>
 #include <mutex>
 
+#include "base/velmar_status.h"
 #include "io/modem_state_monitor.h"
 #include "io/sit_io_handler.h"
 #include "message/request_list.h"
 #include "message/sit_message.h"
-#include "message/velmar_status.h"
 #include "service/velmar_service_handler.h"
 
 // The hub of the service, one per process: starts its parts, passes on every message that the modem

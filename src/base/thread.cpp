@@ -1,14 +1,12 @@
-#include "message/thread.h"
+#include "base/thread.h"
 
-#include <android/log.h>
-
-#include "message/log_tag.h"
+#include "base/log.h"
 
 Thread::Thread(Runnable* work) : thread(), runnable(work), started(0) {}
 
 Thread::~Thread() {
     if (started == 0) {
-        __android_log_print(ANDROID_LOG_INFO, kLogTag, "Thread is not started");
+        ALOGI("Thread is not started");
         return;
     }
     pthread_join(thread, nullptr);

@@ -1,11 +1,10 @@
-#include "message/velmar_message_handler.h"
+#include "handler/velmar_message_handler.h"
 
-#include <android/log.h>
 #include <unistd.h>
 
 #include <chrono>
 
-#include "message/log_tag.h"
+#include "base/log.h"
 
 using std::chrono::duration_cast;
 using std::chrono::milliseconds;
@@ -63,15 +62,14 @@ int VelmarMessageHandler::Start() {
     if (!state_monitor) {
         state_monitor.reset(ModemStateMonitor::MakeInstance(this));
         if (!state_monitor || state_monitor->Start() < 0) {
-            __android_log_print(ANDROID_LOG_ERROR, kLogTag,
-                                "Failed to start modem state monitor thread");
+            ALOGE("Failed to start modem state monitor thread");
             return kStatusNotFound;
         }
     }
     if (!io_handler) {
         io_handler = std::make_unique<SitIoHandler>(this);
         if (!io_handler->Start()) {
-            __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Failed to start IO handler");
+            ALOGE("Failed to start IO handler");
             return kStatusNotFound;
         }
     }
@@ -100,7 +98,7 @@ void VelmarMessageHandler::OnModemStateChanged(int state) {
     if (state != kModemStateOnline || old_state == kModemStateOnline) return;
     for (unsigned int command : kStartUpCommands) SendServiceRequest(command);
     if (recovery_callback == nullptr) return;
-    __android_log_print(ANDROID_LOG_INFO, kLogTag, "Modem is back. Call recovery callback");
+    ALOGI("Modem is back. Call recovery callback");
     recovery_callback->NotifyCallBack();
 }
 
