@@ -15,8 +15,8 @@ android-base/unique_fd android/log log/log cutils/properties sys/system_properti
 c_calls='chmod close fchmod fclose fflush fopen fread fseeko ftello fwrite getopt_long getpid
 gettimeofday ioctl kill localtime_r lseek memcpy memmove memset open poll printf
 pthread_cond_clockwait pthread_create pthread_join pthread_mutex_destroy pthread_mutex_init
-pthread_mutex_lock pthread_mutex_unlock puts read remove rename sched_yield select sendfile signal
-sleep sscanf stat strftime strlen strtok_r unlink usleep write'
+pthread_mutex_lock pthread_mutex_unlock pthread_sigmask puts read remove rename sched_yield select
+sendfile sigaction sigaddset sigemptyset signal sleep sscanf stat strftime strlen strtok_r unlink usleep write'
 platform_calls='__android_log_buf_print __android_log_print __system_property_find dlopen dlsym
 property_get property_set
 android::base::ReadFileToString android::base::Split android::base::StringPrintf

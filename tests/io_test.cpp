@@ -1,10 +1,13 @@
 #include <errno.h>
+#include <pthread.h>
+#include <signal.h>
 
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "io/modem_state_monitor.h"
@@ -95,18 +98,33 @@ class MessageKeeper : public TestHandler {
                                  [](char byte) { return byte == 0; });
         std::lock_guard<std::mutex> guard(lock);
         kept.push_back({length, zeros});
+        reader_thread = pthread_self();
         changed.notify_all();
         return 0;
     }
 
-    bool WaitFor(size_t count) {
+    bool WaitFor(size_t count, milliseconds limit = milliseconds(5000)) {
         std::unique_lock<std::mutex> guard(lock);
-        return changed.wait_for(guard, milliseconds(5000), [&] { return kept.size() >= count; });
+        return changed.wait_for(guard, limit, [&] { return kept.size() >= count; });
     }
 
     std::mutex lock;
     std::condition_variable changed;
     std::vector<Kept> kept;
+    pthread_t reader_thread;
+};
+
+// A monitor whose device takes its time to open.
+class LateMonitor : public ModemStateMonitor {
+  public:
+    explicit LateMonitor(VelmarMessageHandler* message_handler)
+        : ModemStateMonitor(message_handler) {}
+    ~LateMonitor() override { close(boot_fd); }
+
+    void OpenDevice() {
+        boot_fd = open("/dev/umts_boot0", O_RDWR);
+        EndWaitForDevice();
+    }
 };
 
 class ReaderTest : public PhoneTestCase {};
@@ -142,6 +160,41 @@ TEST_F(ReaderTest, DeviceThatIsGoneIsOpenedAgainWhenItIsBack) {
     EXPECT_EQ(log.Count("E Failed to open IO channel, fd: -1"), 5);
     modem.AddFault({"select", "/dev/oem_ipc1", EBADF});
     modem.SendBytes("last");
+}
+
+TEST_F(ReaderTest, LooksForTheModemOnceTheBootDeviceIsOpen) {
+    modem.SetState(kModemStateOnline);
+    MessageKeeper handler;
+    handler.state_monitor = std::make_unique<LateMonitor>(&handler);
+    SitIoHandler reader(&handler);
+    ASSERT_TRUE(reader.Start());
+    ASSERT_TRUE(modem.WaitForChannel(milliseconds(5000)));
+    modem.SendBytes("waits");
+    EXPECT_FALSE(handler.WaitFor(1, milliseconds(200)));
+    EXPECT_THAT(log.Lines(), ElementsAre("I IO handler started"));
+    static_cast<LateMonitor*>(handler.state_monitor.get())->OpenDevice();
+    EXPECT_TRUE(handler.WaitFor(1, milliseconds(1000)));
+    modem.AddFault({"select", "/dev/oem_ipc1", EBADF});
+    modem.SendBytes("last");
+}
+
+// Select fails when a signal interrupts it on the reader's thread: the reader ends.
+TEST_F(ReaderTest, InterruptedWaitEndsTheReader) {
+    ASSERT_NE(signal(SIGURG, [](int /*signo*/) {}), SIG_ERR);
+    modem.SetState(kModemStateOnline);
+    MessageKeeper handler;
+    auto reader = std::make_unique<SitIoHandler>(&handler);
+    ASSERT_TRUE(reader->Start());
+    ASSERT_TRUE(modem.WaitForChannel(milliseconds(5000)));
+    modem.SendBytes("read");
+    ASSERT_TRUE(handler.WaitFor(1));
+    while (log.Count("E IO handler timeout") == 0) {
+        pthread_kill(handler.reader_thread, SIGURG);
+        std::this_thread::sleep_for(milliseconds(10));
+    }
+    reader.reset();
+    EXPECT_THAT(log.Lines(), ElementsAre("I IO handler started", "E IO handler timeout",
+                                         "E IO handler thread stopped"));
 }
 
 // Keeps the states that are reported.

@@ -2,8 +2,11 @@
 
 #include <errno.h>
 #include <stdlib.h>
+#include <sys/syscall.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <memory>
 #include <string>
@@ -17,6 +20,20 @@ using std::chrono::steady_clock;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using velmar_message::VelmarMessage;
+
+namespace {
+
+// How far the process's wall clock has been set, in seconds.
+std::atomic<time_t> wall_clock_step{0};
+
+}  // namespace
+
+// Takes the place of the C library's, for the C++ library's system_clock.
+extern "C" int clock_gettime(clockid_t clock, timespec* now) noexcept {
+    const long result = syscall(SYS_clock_gettime, clock, now);
+    if (clock == CLOCK_REALTIME) now->tv_sec += wall_clock_step;
+    return static_cast<int>(result);
+}
 
 namespace {
 
@@ -109,6 +126,40 @@ TEST_F(MessageHandlerTest, WakeUpForAnotherTokenDoesNotLengthenTheWait) {
     EXPECT_EQ(handler.SendRequest(request.get(), 1), kStatusTimeout);
     EXPECT_LT(steady_clock::now() - start, milliseconds(1490));
     others.join();
+}
+
+// The clock is set while a sender waits that another request's response wakes.
+TEST_F(MessageHandlerTest, StepOfTheWallClockShortensOrLengthensTheWaitByAsMuch) {
+    struct Step {
+        time_t seconds;
+        milliseconds wait_is_at_least;
+        milliseconds wait_is_below;
+    };
+    const Step steps[] = {
+            {2, milliseconds(0), milliseconds(900)},
+            {86400, milliseconds(0), milliseconds(900)},
+            {25 * 86400, milliseconds(0), milliseconds(900)},
+            {1700000000, milliseconds(0), milliseconds(900)},
+            {1790000000, milliseconds(0), milliseconds(900)},
+            {-5, milliseconds(5900), milliseconds(8000)},
+    };
+    RequestRecord record(1000000);
+    handler.request_list.load()->AddRecord(&record);
+    for (const Step& step : steps) {
+        auto request = NewRequest();
+        auto start = steady_clock::now();
+        std::thread other([&] {
+            std::this_thread::sleep_for(milliseconds(100));
+            wall_clock_step += step.seconds;
+            Respond(1000000);
+            // For a sender that would wait for days.
+            std::this_thread::sleep_until(start + step.wait_is_below);
+            Respond(request->GetToken());
+        });
+        EXPECT_EQ(handler.SendRequest(request.get(), 1), kStatusTimeout) << step.seconds << " s";
+        EXPECT_GE(steady_clock::now() - start, step.wait_is_at_least) << step.seconds << " s";
+        other.join();
+    }
 }
 
 TEST_F(MessageHandlerTest, WhatIsNotARequestWithATokenIsRefusedUnsent) {

@@ -34,6 +34,7 @@ class OpenMonitor : public ModemStateMonitor {
     explicit OpenMonitor(VelmarMessageHandler* message_handler)
         : ModemStateMonitor(message_handler) {
         boot_fd = open("/dev/umts_boot0", O_RDWR);
+        EndWaitForDevice();
     }
     ~OpenMonitor() override { close(boot_fd); }
 };

@@ -1,7 +1,6 @@
 #include "handler/velmar_message_handler.h"
 
-#include <unistd.h>
-
+#include <algorithm>
 #include <chrono>
 
 #include "base/log.h"
@@ -11,9 +10,6 @@ using std::chrono::milliseconds;
 using std::chrono::system_clock;
 
 namespace {
-
-constexpr useconds_t kPartsPollMicroseconds = 1000;
-constexpr int kPartsPolls = 3000;
 
 // What a modem that has come online is sent, in this order.
 constexpr unsigned int kStartUpCommands[] = {kCommandDebugStatConfig, kCommandUserspaceLogEnable,
@@ -59,6 +55,7 @@ VelmarMessageHandler* VelmarMessageHandler::GetInstance() {
 }
 
 int VelmarMessageHandler::Start() {
+    std::lock_guard<std::mutex> guard(start_lock);
     if (!state_monitor) {
         state_monitor.reset(ModemStateMonitor::MakeInstance(this));
         if (!state_monitor || state_monitor->Start() < 0) {
@@ -83,14 +80,11 @@ int VelmarMessageHandler::Start() {
 }
 
 bool VelmarMessageHandler::WaitForParts() {
+    if (request_list != nullptr) return true;
     // A modem that is online when the service starts is served by two threads that run before the
-    // last parts are made. They wait without a lock, since a signal may interrupt Start() and lead
-    // here on the same thread; that is also why the wait ends.
-    for (int polls = 0; request_list == nullptr; ++polls) {
-        if (polls == kPartsPolls) return false;
-        usleep(kPartsPollMicroseconds);
-    }
-    return true;
+    // last parts exist.
+    std::lock_guard<std::mutex> guard(start_lock);
+    return request_list != nullptr;
 }
 
 void VelmarMessageHandler::OnModemStateChanged(int state) {
@@ -104,6 +98,10 @@ void VelmarMessageHandler::OnModemStateChanged(int state) {
 
 bool VelmarMessageHandler::IsModemOnline() {
     return state_monitor->GetModemState() == kModemStateOnline;
+}
+
+void VelmarMessageHandler::WaitForBootDevice() {
+    state_monitor->WaitForDevice();
 }
 
 int VelmarMessageHandler::ProcessReceivedMessage(void* data, unsigned int length) {
@@ -182,16 +180,18 @@ int VelmarMessageHandler::SendServiceRequest(unsigned int request) {
 
 int VelmarMessageHandler::WaitForResponse(int timeout_seconds, unsigned int token) {
     std::unique_lock<std::mutex> guard(response_lock);
-    int limit_ms = timeout_seconds * 1000;
-    int remaining_ms = limit_ms;
+    const int limit_ms = timeout_seconds * 1000;
+    milliseconds remaining(limit_ms);
     auto start = system_clock::now();
     if (!request_list.load()->IsRecordInList(token)) return kStatusNotFound;
     while (true) {
-        std::cv_status status = response_cond.wait_for(guard, milliseconds(remaining_ms));
+        // A clock that was set forward leaves less than nothing: an immediate time-out.
+        std::cv_status status =
+                response_cond.wait_for(guard, std::max(remaining, milliseconds::zero()));
         RequestRecord record = request_list.load()->GetRecord(token);
         if (status == std::cv_status::timeout) return kStatusTimeout;
-        auto elapsed = duration_cast<milliseconds>(system_clock::now() - start);
-        remaining_ms = limit_ms - static_cast<int>(elapsed.count());
+        remaining =
+                milliseconds(limit_ms) - duration_cast<milliseconds>(system_clock::now() - start);
         if (record.message != nullptr) return kStatusSuccess;
     }
 }

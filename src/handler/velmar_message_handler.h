@@ -17,15 +17,17 @@
 //
 // Operations return a VelmarStatus. Threads that enter: the IO thread (received messages, and the
 // responses that it sends), the state monitor's thread (state changes, and the requests that they
-// set off) and the thread that takes SIGUSR1 or SIGUSR2 (service requests).
+// set off) and the main thread, in the handler of SIGUSR1 and SIGUSR2 (service requests).
 class VelmarMessageHandler {
   public:
     // Stops and frees the parts. Waits for both threads to end.
     virtual ~VelmarMessageHandler();
 
     // Starts the state monitor, the IO handler, the service handler and the request list, in this
-    // order; a part that exists is kept. Returns 0, or 8 when a thread could not be started. Called
-    // once, by the main thread.
+    // order; a part that exists is kept. Returns kStatusSuccess, or kStatusNotFound, with a log
+    // line, when the state monitor or the IO handler reports a failure. A thread that cannot be
+    // created is none: the service then runs on without it. Called by the main thread, with SIGUSR1
+    // and SIGUSR2 blocked, so that every thread is created with both blocked.
     virtual int Start();
 
     // Takes note of the modem's state, 0 to 4. A change into online (4) sends the start-up service
@@ -33,39 +35,44 @@ class VelmarMessageHandler {
     virtual void OnModemStateChanged(int state);
 
     // Decodes one message of `length` bytes and hands it to the handler of its type. Returns what
-    // that returns, 2 for no input, 1 for a message of no known type. Called by the IO thread.
+    // that returns, kStatusInvalid for no input, kStatusUnsupported for a message of no known type.
+    // Called by the IO thread.
     virtual int ProcessReceivedMessage(void* data, unsigned int length);
 
-    // Hands a request to the service. Returns what its handler returns, or 8 when the service is
-    // not there in time. Borrows the message for the call. Called by the IO thread.
+    // Hands a request to the service. Returns what its handler returns, or kStatusNotFound when the
+    // service has not been started. Borrows the message for the call. Called by the IO thread.
     virtual int RequestHandler(SitMessage* message);
 
-    // Stores a clone of the response and wakes its sender. Returns 0, 2 for what is not a response,
-    // 8 for a response that nobody awaits, which is dropped. Called by the IO thread.
+    // Stores a clone of the response and wakes its sender. Returns kStatusSuccess, kStatusInvalid
+    // for a message that is not a response, kStatusNotFound for a response to no recorded request,
+    // which is dropped. Called by the IO thread.
     virtual int ResponseHandler(SitMessage* message);
 
     // The same as RequestHandler for an indication.
     virtual int IndicationHandler(SitMessage* message);
 
-    // Sends a request, which must carry a token, and waits for its response for up to
-    // `timeout_seconds`. Returns 0 when the response has come (GetRequestRecord gives it), 2 for
-    // what is not a request with a token, 4 when it cannot be encoded, 7 when it cannot be written,
-    // 5 after the time-out. Its record stays until RemoveRequestRecord. The caller keeps `message`.
-    // Never called by the IO thread, which alone delivers responses.
+    // Sends a request, which must carry a token, and waits for its response as WaitForResponse
+    // does. Returns kStatusSuccess when the response has come (GetRequestRecord gives it),
+    // kStatusInvalid for a message that is not a request with a token, kStatusEncodeFailed,
+    // kStatusWriteFailed, or kStatusTimeout. Its record stays until RemoveRequestRecord. The caller
+    // keeps `message`. Never called by the IO thread, which alone delivers responses.
     virtual int SendRequest(SitMessage* message, unsigned int timeout_seconds);
 
-    // Sends a response; nothing is waited for. Returns 0, 2 for what is not a response, 4 when it
-    // cannot be encoded, 7 when it cannot be written. The caller keeps `message`. Any thread.
+    // Sends a response; nothing is waited for. Returns kStatusSuccess, kStatusInvalid for a message
+    // that is not a response, kStatusEncodeFailed or kStatusWriteFailed. The caller keeps
+    // `message`. Any thread.
     virtual int SendResponse(SitMessage* message);
 
     // Carries out a numbered service command (see VelmarServiceHandler) to its end. Returns what
-    // the command returns, or 8 when the service has not been started. Any thread but the IO
-    // thread.
+    // the command returns, or kStatusNotFound when the service has not been started. Any thread but
+    // the IO thread.
     virtual int SendServiceRequest(unsigned int request);
 
-    // Waits for the response for `token` for up to `timeout_seconds`. Returns 0 when it has come, 8
-    // when there is no record of `token`, 5 after the time-out. A response that was stored before
-    // the wait began is not noticed. Any thread but the IO thread.
+    // Waits for the response for `token` for up to `timeout_seconds`. Returns kStatusSuccess when
+    // it has come, kStatusNotFound when there is no record of `token`, kStatusTimeout after the
+    // time-out. A response that was stored before the wait began is not noticed. After a wake-up
+    // for another token the time left is counted by the wall clock: one that was set forward ends
+    // the wait, one that was set backward lengthens it by as much. Any thread but the IO thread.
     virtual int WaitForResponse(int timeout_seconds, unsigned int token);
 
     // The process's instance. It exists from before main until normal process exit. Any thread.
@@ -73,6 +80,10 @@ class VelmarMessageHandler {
 
     // Whether the modem is online now: asks the boot device. Any thread.
     bool IsModemOnline();
+
+    // Waits until the state monitor has opened the boot device, or has failed to. Called by the IO
+    // thread, before it asks for the first time.
+    void WaitForBootDevice();
 
     // A copy of the record of `token`, with its own clone of the response. Any thread.
     RequestRecord GetRequestRecord(unsigned int token);
@@ -93,18 +104,22 @@ class VelmarMessageHandler {
     RecoveryCallback* recovery_callback;
     std::unique_ptr<VelmarServiceHandler> service_handler;
     std::unique_ptr<SitIoHandler> io_handler;
-    // Owned. Set last of the parts: once it can be seen, the others can be too.
+    // Owned. Set last of the parts: a thread that reads it as set sees the others as well.
     std::atomic<RequestList*> request_list;
     std::mutex response_lock;
     // Signalled whenever a response is stored.
     std::condition_variable response_cond;
 
   private:
-    // Waits until Start() has made every part. Returns false when that takes too long.
+    // Waits until Start() has returned, if it runs. Returns whether every part exists.
     bool WaitForParts();
 
-    // Encodes `message` and writes it to the channel. Returns 0, 4 or 7.
+    // Encodes `message` and writes it to the channel. Returns kStatusSuccess, kStatusEncodeFailed
+    // or kStatusWriteFailed.
     int WriteMessage(SitMessage* message);
 
+    // Held by Start(): the threads that it creates may have work before every part exists. Taken
+    // before any other lock.
+    std::mutex start_lock;
     static VelmarMessageHandler instance;
 };

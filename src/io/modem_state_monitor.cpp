@@ -51,13 +51,27 @@ ModemStateMonitor::~ModemStateMonitor() {
 
 int ModemStateMonitor::Start() {
     thread = std::make_unique<Thread>(this);
+    int error = thread->Start();
+    if (error != 0) EndWaitForDevice();
     // A thread that cannot be created gives a positive number and deliberately passes as success:
     // the service then runs on without it.
-    return thread->Start() < 0 ? -1 : 0;
+    return error < 0 ? -1 : 0;
+}
+
+void ModemStateMonitor::WaitForDevice() {
+    std::unique_lock<std::mutex> guard(device_lock);
+    device_cond.wait(guard, [this] { return device_tried; });
+}
+
+void ModemStateMonitor::EndWaitForDevice() {
+    std::lock_guard<std::mutex> guard(device_lock);
+    device_tried = true;
+    device_cond.notify_all();
 }
 
 void ModemStateMonitor::Run() {
     boot_fd = open(kBootDevice, O_RDWR);
+    EndWaitForDevice();
     if (boot_fd < 0) {
         ALOGE("Failed to open MODEM_BOOT ioctl node");
         return;

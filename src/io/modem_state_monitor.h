@@ -1,7 +1,9 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
 
 #include "base/thread.h"
 
@@ -40,6 +42,10 @@ class ModemStateMonitor : public Runnable {
     // Starts the thread. Returns 0, or -1 when the thread wrapper reports a negative error.
     int Start();
 
+    // Waits until the thread has opened the device, has failed to, or could not be created. Called
+    // after Start(), by the IO thread.
+    void WaitForDevice();
+
     // Reads the state, keeps it, and reports it when it is a new, valid one. Called by Run() only.
     void PollModemState();
 
@@ -53,10 +59,18 @@ class ModemStateMonitor : public Runnable {
   protected:
     explicit ModemStateMonitor(VelmarMessageHandler* message_handler);
 
+    // Lets WaitForDevice() return.
+    void EndWaitForDevice();
+
     std::unique_ptr<Thread> thread;
     VelmarMessageHandler* handler;
     // The last state read, valid or not; -1 before the first.
     std::atomic<int> modem_state;
     // Descriptor of the boot device, -1 until Run() has opened it.
     std::atomic<int> boot_fd;
+
+    std::mutex device_lock;
+    std::condition_variable device_cond;
+    // Guarded by device_lock.
+    bool device_tried = false;
 };

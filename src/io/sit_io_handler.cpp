@@ -52,7 +52,9 @@ void SitIoHandler::Run() {
         ALOGE("Failed to open IO channel");
         return;
     }
-    int dirty = kBufferSize;
+    // An answer that came too early would be "offline", and the nap after it 2 s long.
+    handler->WaitForBootDevice();
+    int used_bytes = kBufferSize;
     while (true) {
         if (!handler->IsModemOnline()) {
             sleep(kOfflineSeconds);
@@ -61,23 +63,24 @@ void SitIoHandler::Run() {
         int fd = channel->GetFd();
         if (fd < 0) {
             // The device could not be reopened. There is nothing to wait on, so it is tried again.
-            ReopenChannel();
+            // Nothing is closed: a sender may have opened the channel since.
+            PauseAndOpenChannel();
             continue;
         }
         fd_set readable;
         FD_ZERO(&readable);
         FD_SET(fd, &readable);
         if (select(fd + 1, &readable, nullptr, nullptr, nullptr) < 1) break;
-        if (FD_ISSET(fd, &readable)) dirty = ReceiveMessage(dirty);
+        if (FD_ISSET(fd, &readable)) used_bytes = ReceiveMessage(used_bytes);
     }
     ALOGE("IO handler timeout");
     channel->CloseChannel();
     ALOGE("IO handler thread stopped");
 }
 
-int SitIoHandler::ReceiveMessage(int dirty) {
+int SitIoHandler::ReceiveMessage(int used_bytes) {
     // Handlers find zeros after a message. Only what the last one left needs clearing.
-    memset(buffer.get(), 0, dirty);
+    memset(buffer.get(), 0, used_bytes);
     int length = channel->ReadFromChannel(buffer.get(), kBufferSize);
     if (length >= 1) {
         handler->ProcessReceivedMessage(buffer.get(), length);
@@ -85,12 +88,14 @@ int SitIoHandler::ReceiveMessage(int dirty) {
     }
     int error = errno;
     ALOGE("Read channel error, size:%d, errno:%d", length, error);
-    if (length == 0 || (error != EINTR && error != EAGAIN)) ReopenChannel();
+    if (length == 0 || (error != EINTR && error != EAGAIN)) {
+        channel->CloseChannel();
+        PauseAndOpenChannel();
+    }
     return 0;
 }
 
-void SitIoHandler::ReopenChannel() {
-    channel->CloseChannel();
+void SitIoHandler::PauseAndOpenChannel() {
     usleep(kReopenMicroseconds);
     channel->OpenChannel();
 }

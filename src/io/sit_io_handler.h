@@ -39,10 +39,11 @@ class SitIoHandler : public Runnable {
     std::unique_ptr<char[]> buffer;
 
   private:
-    // Reads one message into the buffer, whose first `dirty` bytes are what the last read left, and
-    // hands it on; reopens the channel when it cannot be read. Returns the bytes it has left there.
-    int ReceiveMessage(int dirty);
+    // Reads one message into the buffer, whose first `used_bytes` bytes are what the last read
+    // left, and hands it on; reopens the channel when it cannot be read. Returns the bytes that it
+    // left in the buffer.
+    int ReceiveMessage(int used_bytes);
 
-    // Closes the channel, pauses, and opens it again if that can be done.
-    void ReopenChannel();
+    // Pauses and opens the channel, if that can be done.
+    void PauseAndOpenChannel();
 };

@@ -49,10 +49,13 @@ int main(int argc, char** argv) {
         ALOGE("Force to exit");
         return 0;
     }
+    // Every other thread is created from here on, and never takes one of the two signals.
+    velmar_block_signals();
     if (VelmarMessageHandler::GetInstance()->Start() != kStatusSuccess) {
         ALOGE("Failed to start message handler");
         return -1;
     }
     velmar_write_pid();
+    velmar_unblock_signals();
     while (true) sleep(UINT_MAX);
 }

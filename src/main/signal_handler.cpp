@@ -5,10 +5,23 @@
 
 #include "handler/velmar_message_handler.h"
 
+namespace {
+
+constexpr int kRequestSignals[] = {SIGUSR1, SIGUSR2};
+
+sigset_t RequestSignalSet() {
+    sigset_t set;
+    sigemptyset(&set);
+    for (int signo : kRequestSignals) sigaddset(&set, signo);
+    return set;
+}
+
+}  // namespace
+
 // The request is built, written and waited for here, none of which is safe in a signal handler. It
-// works since as a rule the main thread takes the signal, which sleeps and holds no lock.
+// works since the handler interrupts nothing but the main thread's sleep: no lock is held there, no
+// other thread takes the signal, and no second signal is handled before this returns.
 void velmar_signal_handler(int signo) {
-    // A thread that retries a read or a write looks at it next.
     int saved_errno = errno;
     switch (signo) {
         case SIGUSR1:
@@ -21,4 +34,21 @@ void velmar_signal_handler(int signo) {
             break;
     }
     errno = saved_errno;
+}
+
+void velmar_block_signals() {
+    sigset_t set = RequestSignalSet();
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    // signal() blocks only the signal that is being handled.
+    for (int signo : kRequestSignals) {
+        struct sigaction action;
+        sigaction(signo, nullptr, &action);
+        action.sa_mask = set;
+        sigaction(signo, &action, nullptr);
+    }
+}
+
+void velmar_unblock_signals() {
+    sigset_t set = RequestSignalSet();
+    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
 }

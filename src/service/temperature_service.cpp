@@ -1,6 +1,6 @@
-#include <android-base/file.h>
 #include <android-base/unique_fd.h>
 #include <fcntl.h>
+#include <unistd.h>
 
 #include <string>
 
@@ -11,7 +11,6 @@
 #include "service/velmar_service_handler.h"
 
 using android::base::unique_fd;
-using android::base::WriteStringToFd;
 using velmar_message::ModemTemperatureSetRequest;
 using velmar_message::SensorTemperature;
 using velmar_message::VelmarMessage;
@@ -30,10 +29,13 @@ void PassToDriver(const ModemTemperatureSetRequest& request) {
     for (const SensorTemperature& reading : request.sensors()) {
         ALOGD("Temp sensor %d - Update %d - Temperature %d", static_cast<int>(reading.sensor()),
               reading.update() ? 1 : 0, static_cast<int>(reading.temperature()));
-        // The driver takes one reading a write; one that it refuses does not keep the next from it.
-        WriteStringToFd(std::to_string(reading.sensor()) + (reading.update() ? " 1 " : " 0 ") +
-                                std::to_string(reading.temperature()) + "\n",
-                        node);
+        const std::string line = std::to_string(reading.sensor()) +
+                                 (reading.update() ? " 1 " : " 0 ") +
+                                 std::to_string(reading.temperature()) + "\n";
+        // The driver takes one reading a write. What it does not take whole is lost, and does not
+        // keep the next reading from it.
+        [[maybe_unused]] ssize_t written =
+                TEMP_FAILURE_RETRY(write(node.get(), line.data(), line.size()));
     }
 }
 
