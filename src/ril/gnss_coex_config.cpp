@@ -22,7 +22,7 @@ constexpr const char* kConfigFiles[] = {"/data/vendor/radio/gnss_blanking.csv",
 
 constexpr unsigned int kRequestEntry = 226;
 constexpr unsigned int kRequestFirstLine = 227;
-constexpr int kRequestSeconds = 60;
+constexpr int kRadioBudgetSeconds = 60;
 constexpr int kDecimal = 10;
 
 constexpr size_t kPairFields = 4;
@@ -55,11 +55,13 @@ bool IsNr(const std::string& band) {
     return StartsWith(band, 'N', 'n');
 }
 
-// Decides the kind and takes the first character off the names that carry a letter.
+// Decides the kind of an entry and removes the first character of each name that has a letter by
+// its kind.
 SitGnssBlankingRAT TakeKind(std::string* band1, std::string* band2) {
     if (!band2->empty()) {
         bool has_nr = IsNr(*band2) || IsNr(*band1);
-        // Whatever it is: a band of a pair that is written without its letter loses a digit.
+        // The first character goes whatever it is: deliberately, "3" in place of "B3" leaves
+        // nothing.
         band1->erase(0, 1);
         band2->erase(0, 1);
         return has_nr ? kGnssBlankingNrPair : kGnssBlankingLtePair;
@@ -105,7 +107,7 @@ void SendEntry(RilRequestHelper* helper, const std::string& line) {
     GnssCoexRecord record;
     switch (MakeGnssCoexRecord(line, &record)) {
         case GnssCoexLine::kEntry:
-            helper->Send(kRequestEntry, record.data(), record.size(), kRequestSeconds);
+            helper->Send(kRequestEntry, record.data(), record.size(), kRadioBudgetSeconds);
             break;
         case GnssCoexLine::kTooShort:
             ALOGE("Invalid GNSS coex config line - %s", line.c_str());
@@ -182,7 +184,7 @@ int LoadGnssCoexConfig() {
         ALOGE("Invalid GNSS coex configuration file");
     }
     GnssCoexHeader header = MakeGnssCoexHeader(text.first_line);
-    helper->Send(kRequestFirstLine, header.data(), header.size(), kRequestSeconds);
+    helper->Send(kRequestFirstLine, header.data(), header.size(), kRadioBudgetSeconds);
     for (const std::string& line : text.entry_lines) SendEntry(helper, line);
     return kStatusSuccess;
 }

@@ -40,10 +40,10 @@ enum class GnssCoexLine {
     kIncomplete,
 };
 
-// The three functions that follow are functions of the text alone. Numbers are converted as
-// std::stoi and std::stod do it: white space before and anything after a number is skipped, and
-// what is no number, or none that the type holds, throws std::invalid_argument or
-// std::out_of_range. Only the low 16 bits of a number count. Any thread.
+// The results of the next three functions depend on their text alone. Numbers are converted by
+// std::stoi and std::stod: white space before a number and anything after it is skipped; a text
+// without a number throws std::invalid_argument, a number that the type cannot hold
+// std::out_of_range. Only the low 16 bits of a number are used. Any thread.
 
 // Cuts a configuration into its lines, without the empty ones.
 GnssCoexText SplitGnssCoexText(const std::string& text);
@@ -56,10 +56,10 @@ GnssCoexHeader MakeGnssCoexHeader(const std::string& first_line);
 GnssCoexLine MakeGnssCoexRecord(const std::string& line, GnssCoexRecord* record);
 
 // Sends the phone's GNSS coexistence configuration to the radio: request 227 with the first line,
-// then request 226 for each entry. Lines that are no entry are logged and passed over; what the
-// radio answers is not looked at. Returns 8 when there is no radio client or no configuration that
-// can be read, else 0 (a VelmarStatus). Numbers that cannot be converted throw; requests before
-// them have been sent. Blocks for up to 5 seconds for each request that is not answered; for each
-// that finds the radio not available for a minute, and for two if it takes its time to say so. The
+// then request 226 for each entry. A line that is no entry is logged and skipped; the radio's
+// responses are not looked at. Returns kStatusSuccess, or kStatusNotFound when there is no radio
+// client or no configuration that can be read. A number that cannot be converted throws; the
+// requests before it have been sent. Blocks for up to 5 seconds for each request without a
+// response, and for one to two minutes for each that finds the radio not available. Called by the
 // thread of the service command.
 int LoadGnssCoexConfig();

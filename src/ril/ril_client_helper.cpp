@@ -74,8 +74,8 @@ bool RilClientHelperDLImpl::Init() {
 
 void RilClientHelperDLImpl::Release() {
     LogCall("Release");
-    // The library stays mapped: a thread of its own may still run in it, and a late answer be on
-    // its way.
+    // The library stays mapped: a thread of its own may still run in it, and a late response be
+    // on its way.
     library = nullptr;
     RILC_Open = nullptr;
     RILC_OpenV2 = nullptr;

@@ -2,13 +2,13 @@
 
 #include <cstddef>
 
-// Called by the radio's client library, on a thread of its own, with the answer to one request:
+// Called by the radio's client library, on a thread of its own, with the response to one request:
 // the request's number, an error code of the radio interface layer (0 is success), and `length`
 // bytes at `data`, which are the library's. `extra` is the library's own.
 using RilResponseCallback = void (*)(unsigned int request, int error, void* data, size_t length,
                                      unsigned int extra);
 
-// Called by the library with a message that answers no request.
+// Called by the library with a message that is no response.
 using RilUnsolicitedCallback = void (*)(unsigned int id, void* data, size_t length,
                                         unsigned int extra);
 
@@ -44,7 +44,7 @@ class RilClientHelper {
     virtual int Reconnect(void* handle) = 0;
 
     // Sends `length` bytes at `data`, borrowed for the call, as request number `request`. The
-    // answer comes through `callback`, possibly before this returns.
+    // response comes through `callback`, possibly before this returns.
     virtual int Send(void* handle, unsigned int request, void* data, size_t length,
                      RilResponseCallback callback) = 0;
 
@@ -52,7 +52,7 @@ class RilClientHelper {
     virtual int Send(void* handle, unsigned int request, void* data, size_t length,
                      RilResponseCallback callback, unsigned int extra) = 0;
 
-    // Has `handler` called with the messages that answer no request.
+    // Has `handler` called with the messages that are no responses.
     virtual int RegisterUnsolicitedResponseHandler(void* handle,
                                                    RilUnsolicitedCallback handler) = 0;
 

@@ -10,7 +10,7 @@ using std::chrono::steady_clock;
 
 namespace {
 
-constexpr seconds kAnswerTimeout{5};
+constexpr seconds kResponseTimeout{5};
 
 // What one repetition costs of the budget, and how long the pause before it is at most.
 constexpr int kRetrySeconds = 5;
@@ -19,8 +19,8 @@ constexpr int kRetrySeconds = 5;
 std::atomic<int> running_callbacks{0};
 std::atomic<bool> exiting{false};
 
-// The library's threads do not know that the process exits. Callbacks that come from then on are
-// turned away, and those under way are waited for, before the instance that they use goes.
+// The library's threads do not know that the process exits. Before the instance is destroyed, this
+// turns later callbacks away and waits for those that run.
 class ExitGate {
   public:
     ExitGate() = default;
@@ -76,7 +76,8 @@ int RilRequestHelper::Send(unsigned int request, void* data, unsigned long lengt
         if (result != kRilRadioNotAvailable) return result;
         if (timeout_seconds != 0 && remaining <= kRetrySeconds) return result;
         remaining -= kRetrySeconds;
-        // A budget of 0 deliberately comes to a pause without end: -5, taken as unsigned.
+        // With a budget of 0 `remaining` is -5 here, which sleep() takes as 2^32 - 5 seconds:
+        // deliberately, the caller is blocked for good.
         sleep(static_cast<unsigned int>(remaining < kRetrySeconds ? remaining : kRetrySeconds));
     }
 }
@@ -85,11 +86,11 @@ int RilRequestHelper::SendOnce(unsigned int request, void* data, unsigned long l
                                std::unique_lock<std::mutex>* wait_guard) {
     received = false;
     error = kRilSuccess;
-    // Whether the library took the request shows in its answer alone.
+    // Whether the library took the request shows in its response alone.
     client_helper->Send(client, request, data, length, Response);
-    // The callback takes no lock and may notify between the test and the wait; its answer is then
-    // found at the deadline.
-    auto deadline = steady_clock::now() + kAnswerTimeout;
+    // The callback takes no lock and may notify between the test and the wait; its response is
+    // then found at the deadline.
+    auto deadline = steady_clock::now() + kResponseTimeout;
     if (!response_cond.wait_until(*wait_guard, deadline, [this] { return received.load(); })) {
         error = kRilInvalidResponse;
         return kRilInvalidResponse;

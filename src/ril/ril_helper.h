@@ -13,11 +13,12 @@ enum RilError : int {
     kRilSuccess = 0,
     kRilRadioNotAvailable = 1,
     kRilInvalidArguments = 44,
-    // No answer came in time.
+    // No response came in time.
     kRilInvalidResponse = 66,
 };
 
-// Turns the client library's requests, answered by a callback, into calls that wait for the answer.
+// Turns the client library's requests, whose responses come by a callback, into calls that wait for
+// the response.
 class RilRequestHelper {
   public:
     // The instance, made by the first call that can open a client and kept until the process exits;
@@ -29,14 +30,14 @@ class RilRequestHelper {
     RilRequestHelper& operator=(const RilRequestHelper&) = delete;
 
     // Sends `length` bytes at `data`, borrowed for the call, as request number `request`, and waits
-    // for the answer, up to 5 seconds. While the radio answers that it is not available, the
+    // for the response, up to 5 seconds. While the radio responds that it is not available, the
     // request is repeated after a pause of up to 5 seconds, as long as that many are left of
     // `timeout_seconds` and one more.
     //
-    // Returns the radio's error code (a RilError or any other number), 66 when no answer came, 44
-    // for a negative time-out, with nothing sent. The answer's bytes are dropped. With a time-out
-    // of 0 a radio that is not available blocks the caller for good. Any thread but the library's;
-    // callers take turns.
+    // Returns the radio's error code (a RilError or any other number), kRilInvalidResponse when no
+    // response came, kRilInvalidArguments for a negative time-out, with nothing sent. The
+    // response's bytes are dropped. With a time-out of 0 a radio that is not available blocks the
+    // caller for good. Any thread but the library's; callers take turns.
     int Send(unsigned int request, void* data, unsigned long length, int timeout_seconds);
 
     // The callback of every request: a RilResponseCallback. Any thread, at any time, before Send()
@@ -48,15 +49,15 @@ class RilRequestHelper {
   protected:
     RilRequestHelper() = default;
 
-    // Sends the request once and waits for the answer, up to 5 seconds. Returns the radio's error
-    // code, or 66. `wait_guard` holds wait_lock; send_lock is held too.
+    // Sends the request once and waits for the response, up to 5 seconds. Returns the radio's error
+    // code, or kRilInvalidResponse. `wait_guard` holds wait_lock; send_lock is held too.
     int SendOnce(unsigned int request, void* data, unsigned long length,
                  std::unique_lock<std::mutex>* wait_guard);
 
     // Borrowed.
     RilClientHelper* client_helper = nullptr;
     void* client = nullptr;
-    // The answer to the current attempt. Written by the callback without a lock.
+    // The response to the current attempt. Written by the callback without a lock.
     std::atomic<bool> received{false};
     std::atomic<int> error{kRilSuccess};
     // Held for a whole request, so that one is outstanding at a time. Taken before `wait_lock`.
