@@ -108,7 +108,7 @@ TEST(SitMessageTest, ReadsHeaderAsReceived) {
 
 TEST(SitMessageTest, InputThatStopsMidwayKeepsWhatCameBefore) {
     LogCapture log;
-    auto message = Received(std::string("\x08\x01\x18\x05\x3A\x20", 6));
+    auto message = Received(std::string("\x08\x01\x18\x05\x3A\x20\x0A", 7));
     EXPECT_THAT(log.Lines(), ElementsAre("E ParseFromArray failed"));
     EXPECT_TRUE(message->IsRequest());
     EXPECT_EQ(message->GetToken(), 5u);
