@@ -4,6 +4,8 @@ define(`userdebug_or_eng', `$1')
 define(`with_native_coverage', `$1')
 
 define(`capability_class_set', `{ capability capability2 cap_userns cap2_userns }')
+define(`socket_class_set',
+    `{ socket tcp_socket unix_stream_socket unix_dgram_socket netlink_route_socket alg_socket }')
 define(`file_class_set', `{ chr_file blk_file file lnk_file sock_file fifo_file }')
 
 define(`r_file_perms', `{ getattr open read ioctl lock map watch watch_reads }')
