@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Checks what an Android tree takes from here: that Android.bp has its format and builds the files
-# that CMake builds, that velmar.rc makes every folder that the service expects, and that the
-# policy, beside what of the platform bears on it (tests/sepolicy), grants the service what it does
-# to each path, no less, and refuses what must never hold.
+# that CMake builds, that velmar.rc makes every folder that the service expects and the manual's
+# lines for ueventd open every node, and that the policy, beside what of the platform bears on it
+# (tests/sepolicy), grants the service what it does to each path, no less, and refuses what must
+# never hold.
 # Usage: scripts/check_android.sh
 set -euo pipefail
 shopt -s globstar
@@ -44,21 +45,27 @@ folders_of_sources() {
 }
 
 check_init() {
-    local rc=android/velmar.rc words dir mode owner
-    local made=' /data/vendor /mnt/vendor/modem_userdata '
-    words='on|mkdir|restorecon_recursive|chown|chmod'
-    words+='|service|class|user|group|capabilities|oom_score_adjust|rlimit'
+    local rc=android/velmar.rc words word dir mode owner node
+    local made=' /data/vendor '
+    words='on|mkdir|restorecon|restorecon_recursive|service|class|user|group|capabilities'
+    words+='|oom_score_adjust|rlimit'
     if grep -vE "^( *#.*|( {4})?($words)( .*)?|)$" $rc >&2; then
         fail "$rc: expected one of '$words' at the start of the lines above"
     fi
-    while read -r _ dir mode owner; do
+    while read -r word dir mode owner; do
+        # The root of a partition is ready as soon as it has a label.
+        [ "$word" = restorecon ] && made+="$dir " && continue
         [[ $made == *" ${dir%/*} "* ]] || fail "$rc: expected the parent of $dir to be made first"
         [[ $mode =~ ^0[0-7][0-7]0$ ]] || fail "$rc: expected $dir closed to the world, got $mode"
         [ "$owner" = 'radio radio' ] || fail "$rc: expected $dir to be radio's, got '$owner'"
         made+="$dir "
-    done < <(grep -E '^ +mkdir ' $rc)
+    done < <(grep -E '^ +(mkdir|restorecon) ' $rc)
     for dir in $(folders_of_sources); do
         [[ $made == *" $dir "* ]] || fail "$rc: expected a mkdir for $dir, which src/ names"
+    done
+    for node in $(grep -rohE '"/(dev|sys)/[^"]*' src | tr -d '"'); do
+        grep -qE "^ *$node +0660 radio radio$" <(sed -E 's|( /sys/[^ ]+) |\1/|' docs/porting.md) ||
+            fail "docs/porting.md: expected a line for ueventd.rc for $node, which src/ names"
     done
 }
 
