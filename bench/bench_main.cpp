@@ -9,7 +9,7 @@
 #include "bench/dispatch.h"
 #include "bench/report.h"
 #include "bench/whole_process.h"
-#include "sim/tool/janitor.h"
+#include "sim/modem/temporary_folder.h"
 
 namespace velmar_bench {
 
@@ -25,10 +25,10 @@ struct Options {
 };
 
 void Measure(const Options& options) {
-    const velmar_sim::Janitor janitor(false);
+    const velmar_sim::TemporaryFolder folder;
     Report report;
     {
-        WholeProcess whole(janitor.folder(), options.programs, options.rounds, &report);
+        WholeProcess whole(folder.path(), options.programs, options.rounds, &report);
         whole.MeasureStart();
         whole.MeasureRequests();
         whole.MeasureFile();
@@ -37,7 +37,7 @@ void Measure(const Options& options) {
         whole.MeasureSize(options.programs);
         Report dispatch;
         whole.MeasureWakeUps(options.idle_seconds,
-                             [&] { MeasureDispatch(janitor.folder() + "/dispatch", &dispatch); });
+                             [&] { MeasureDispatch(folder.path() + "/dispatch", &dispatch); });
         report.Append(dispatch);
     }
     report.Print();

@@ -1,17 +1,14 @@
 #include "bench/contender.h"
 
-#include <errno.h>
-#include <string.h>
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <sys/un.h>
-#include <unistd.h>
 
-#include <filesystem>
 #include <stdexcept>
 #include <utility>
 
 #include "bench/messages.h"
+#include "sim/modem/device_socket.h"
 #include "sim/modem/errors.h"
 #include "sim/phone/phone_state.h"
 #include "sim/tool/message_text.h"
@@ -28,20 +25,10 @@ constexpr int kBufferBytes = 1 << 20;
 }  // namespace
 
 BareChannel::BareChannel(const velmar_sim::PhoneFolder& folder)
-    : listener(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) {
-    const std::string path = folder.HostPath(velmar_phone::kChannelDevice);
-    std::filesystem::remove(path);
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof(address.sun_path)) {
-        throw std::runtime_error(path + ": expected a path that fits into a socket's address");
-    }
-    memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    : listener(velmar_sim::ListenAt(folder.HostPath(velmar_phone::kChannelDevice))) {
+    // Accepting waits.
+    fcntl(listener.get(), F_SETFL, 0);
     setsockopt(listener.get(), SOL_SOCKET, SO_RCVTIMEO, &kPatience, sizeof(kPatience));
-    if (bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
-        listen(listener.get(), 1) != 0) {
-        ThrowErrno("listen " + path);
-    }
 }
 
 void BareChannel::Accept() {

@@ -14,7 +14,7 @@
 #include "bench/service_phone.h"
 #include "bench/soak_log.h"
 #include "bench/soak_traffic.h"
-#include "sim/tool/janitor.h"
+#include "sim/modem/temporary_folder.h"
 
 namespace velmar_bench {
 
@@ -53,7 +53,7 @@ class Soak {
         : options(chosen),
           duration(std::chrono::duration_cast<Clock::duration>(
                   std::chrono::duration<double, std::ratio<60>>(options.minutes))),
-          phone(janitor.folder(), nullptr),
+          phone(folder.path(), nullptr),
           traffic(options.velmar, options.seed, &phone, &log) {}
 
     // Gives the exit status.
@@ -171,7 +171,7 @@ class Soak {
 
     const Options options;
     const Clock::duration duration;
-    velmar_sim::Janitor janitor{false};
+    velmar_sim::TemporaryFolder folder;
     ServicePhone phone;
     SoakLog log;
     SoakTraffic traffic;

@@ -104,9 +104,9 @@ SoakTraffic::SoakTraffic(const std::string& executable, uint64_t seed, ServicePh
       block(RandomBytes(kBlockSize)),
       radio(phone->folder(), &nowhere) {
     PreparePhone(phone->folder());
-    velmar_sim::AnswerPolicy policy;
+    velmar_sim::ResponsePolicy policy;
     policy.delay = kAnswerDelay;
-    phone->modem().SetAnswerPolicy(policy);
+    phone->modem().SetResponsePolicy(policy);
     phone->modem().SetState(kOnline);
     server = phone->Run(velmar, "--server", [this](const auto& line) { log->Take(line); });
     GoOnline();
@@ -489,7 +489,7 @@ void SoakTraffic::Settle() {
 
 void SoakTraffic::CheckReadings() {
     const std::vector<std::string> expected = std::exchange(readings, {});
-    const std::vector<std::string> actual = phone->modem().TakeThermalWrites();
+    const std::vector<std::string> actual = phone->thermal().TakeWrites();
     if (actual == expected) return;
     const auto differing =
             std::mismatch(expected.begin(), expected.end(), actual.begin(), actual.end());

@@ -14,7 +14,6 @@
 #include "bench/soak_log.h"
 #include "proto/velmar_message.pb.h"
 #include "sim/tool/simulated_radio.h"
-#include "sim/tool/transcript.h"
 
 namespace velmar_bench {
 
@@ -104,7 +103,7 @@ class SoakTraffic {
     SoakLog* const log;
     std::mt19937_64 random;
     const std::string block;
-    velmar_sim::Transcript nowhere{true};
+    velmar_sim::EventStream nowhere;
     velmar_sim::SimulatedRadio radio;
     SoakCounts done;
     bool leaves_out_what_is_kept = false;

@@ -1,21 +1,18 @@
 #include "fuzz_phone.h"
 
 #include <android/log.h>
-#include <errno.h>
 #include <fcntl.h>
 #include <google/protobuf/stubs/logging.h>
 #include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <memory>
-#include <system_error>
 
 #include "fuzz_failure.h"
+#include "sim/modem/device_socket.h"
 #include "sim/phone/phone_state.h"
 
 using android::base::unique_fd;
@@ -49,13 +46,8 @@ class OpenMonitor : public ModemStateMonitor {
     }
 };
 
-void MustWork(bool worked, const char* what) {
-    if (worked) return;
-    FailFuzzing("setting up the phone: " + std::system_category().message(errno) + " in " + what);
-}
-
 // What the phone holds at boot beside its directories.
-void Furnish(const velmar_sim::PhoneFolder& folder) {
+void FillPhone(const velmar_sim::PhoneFolder& folder) {
     velmar_phone::PhoneState state = {};
     state.boot_state = kModemStateOnline;
     folder.WriteFile(velmar_phone::kStateFile,
@@ -95,14 +87,14 @@ FuzzPhone& FuzzPhone::Get() {
     return phone;
 }
 
-FuzzPhone::FuzzPhone()
-    : surroundings(velmar_sim::PhoneFolder::MakeFresh()), phone_folder(surroundings + kPhoneName) {
+FuzzPhone::FuzzPhone() : phone_folder(parent_folder.path() + kPhoneName) {
     __android_log_set_logger(KeepLogLine);
     __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
     google::protobuf::SetLogHandler(nullptr);
-    Furnish(phone_folder);
-    boot_listener = Listen(velmar_phone::kBootDevice);
-    const unique_fd channel_listener = Listen(velmar_phone::kChannelDevice);
+    FillPhone(phone_folder);
+    boot_listener = velmar_sim::ListenAt(phone_folder.HostPath(velmar_phone::kBootDevice));
+    const unique_fd channel_listener =
+            velmar_sim::ListenAt(phone_folder.HostPath(velmar_phone::kChannelDevice));
     umask(kUmask);
     // NOLINTBEGIN(concurrency-mt-unsafe): there is one thread.
     setenv(velmar_phone::kRootVariable, phone_folder.root().c_str(), 1);
@@ -115,29 +107,6 @@ FuzzPhone::FuzzPhone()
     if (TakeAnswers().size() != 1) FailFuzzing("the service does not answer at first");
     files_at_boot = ReadFiles();
     Reset(files_at_boot);
-}
-
-FuzzPhone::~FuzzPhone() {
-    std::error_code ignored;
-    std::filesystem::remove_all(surroundings, ignored);
-}
-
-unique_fd FuzzPhone::Listen(const char* device) const {
-    const std::string path = phone_folder.HostPath(device);
-    unique_fd listener(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    // From the folder it lies in: an address is shorter than a path may be.
-    const unique_fd before(open(".", O_PATH | O_CLOEXEC));
-    const size_t name = path.rfind('/');
-    MustWork(chdir(path.substr(0, name).c_str()) == 0, "chdir");
-    path.copy(address.sun_path, sizeof(address.sun_path) - 1, name + 1);
-    MustWork(
-            bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0,
-            "bind");
-    MustWork(fchdir(before.get()) == 0, "fchdir");
-    MustWork(listen(listener.get(), SOMAXCONN) == 0, "listen");
-    return listener;
 }
 
 int FuzzPhone::Deliver(const std::string& bytes) {
@@ -167,8 +136,8 @@ const std::string& FuzzPhone::last_log_line() const {
 
 FileTree FuzzPhone::ReadFiles() const {
     using std::filesystem::directory_iterator;
-    if (std::distance(directory_iterator(surroundings), directory_iterator()) != 1) {
-        FailFuzzing("the service changed something outside the phone, in " + surroundings);
+    if (std::distance(directory_iterator(parent_folder.path()), directory_iterator()) != 1) {
+        FailFuzzing("the service changed something outside the phone, in " + parent_folder.path());
     }
     return ReadTree(phone_folder.root(), files_at_boot);
 }

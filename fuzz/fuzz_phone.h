@@ -67,12 +67,9 @@ class FuzzPhone {
 
   private:
     FuzzPhone();
-    ~FuzzPhone();
-
-    android::base::unique_fd Listen(const char* device) const;
 
     // Holds the phone's folder and nothing else.
-    std::string surroundings;
+    velmar_sim::TemporaryFolder parent_folder;
     velmar_sim::PhoneFolder phone_folder;
     FileTree files_at_boot;
     android::base::unique_fd boot_listener;

@@ -11,7 +11,7 @@ packages=(
     cmake g++ ninja-build
     protobuf-compiler libprotobuf-dev
     android-liblog-dev android-libbase-dev
-    libcli11-dev libssl-dev
+    libcli11-dev
     libgmock-dev libgtest-dev libbenchmark-dev
     strace
 )
@@ -22,7 +22,7 @@ case "${1:-build}" in
             clang clang-format clang-tidy git libclang-rt-14-dev llvm libc++-dev libc++abi-dev
             blueprint-tools checkpolicy m4 selinux-utils shellcheck
             g++-aarch64-linux-gnu qemu-user-static
-            {libprotobuf,android-liblog,android-libbase,libssl,libgmock,libgtest}-dev:arm64
+            {libprotobuf,android-liblog,android-libbase,libgmock,libgtest}-dev:arm64
         )
         ;;
     *)

@@ -44,7 +44,7 @@ class FileTest : public PhoneTestCase {
 
     // A phone without files of earlier transfers.
     void Reset() {
-        modem.ClearFaults();
+        injector.Clear();
         for (const char* directory : {kUnfinishedFiles, velmar_sim::kMdsFiles}) {
             folder.Remove(directory);
             folder.MakeDirectories(directory);
@@ -199,7 +199,7 @@ TEST_F(FileTest, ChunksGiveTheirStatusAnswerAndLastLineAndKeepTheUmask) {
         Reset();
         if (row.gathered != nullptr) folder.WriteFile(kTempFile, row.gathered);
         if (row.missing != nullptr) folder.Remove(row.missing);
-        for (const auto& fault : row.faults) modem.AddFault(fault);
+        for (const auto& fault : row.faults) injector.Add(fault);
     };
     for (const Case& row : cases) {
         SCOPED_TRACE(row.what);
@@ -285,15 +285,15 @@ TEST_F(TemperatureTest, ReportsAreAnsweredWhateverTheDriverDoes) {
             {"close", node, EIO}, {"open", node, EACCES}, {"write", node, EIO}};
     for (const auto& fault : faults) {
         SCOPED_TRACE(fault.call);
-        modem.ClearFaults();
-        modem.AddFault(fault);
+        injector.Clear();
+        injector.Add(fault);
         EXPECT_EQ(Report(report), kStatusWriteFailed);
         EXPECT_EQ(handler.responses.back(),
                   "type: RESPONSE message_id: 10 token: 3 "
                   "modem_temperature_message { set_response { } }");
         // Only the failing close comes after the write.
         const std::vector<std::string> writes(fault.call == "close" ? 1 : 0, "7 0 -1\n");
-        EXPECT_EQ(modem.TakeThermalWrites(), writes);
+        EXPECT_EQ(thermal.TakeWrites(), writes);
     }
     EXPECT_THAT(log.Lines(), ElementsAre("D Temp sensor 7 - Update 0 - Temperature -1",
                                          "E Failed to open modem temperature driver",
@@ -307,7 +307,7 @@ TEST_F(TemperatureTest, WhatSetsNoTemperaturesIsDropped) {
     }
     EXPECT_EQ(service.OnReceiveModemTemperatureRequest(nullptr), kStatusInvalid);
     EXPECT_THAT(handler.responses, IsEmpty());
-    EXPECT_THAT(modem.TakeThermalWrites(), IsEmpty());
+    EXPECT_THAT(thermal.TakeWrites(), IsEmpty());
 }
 
 }  // namespace

@@ -58,10 +58,10 @@ TEST_F(ChannelTest, InterruptedAndPartialTransfersAreCarriedOn) {
     ASSERT_TRUE(modem.WaitForChannel(milliseconds(5000)));
     std::string bytes = Encode("type: RESPONSE token: 5 result: FAILURE");
     for (const char* call : {"write", "read"}) {
-        modem.AddFault({call, "/dev/oem_ipc1", EINTR, 0, 2});
-        modem.AddFault({call, "/dev/oem_ipc1", EAGAIN, 0, 2});
+        injector.Add({call, "/dev/oem_ipc1", EINTR, 0, 2});
+        injector.Add({call, "/dev/oem_ipc1", EAGAIN, 0, 2});
     }
-    modem.AddFault({"write", "/dev/oem_ipc1", 0, 1, 2});
+    injector.Add({"write", "/dev/oem_ipc1", 0, 1, 2});
     EXPECT_EQ(channel.WriteToChannel(bytes.data(), static_cast<int>(bytes.size())), 0);
     auto received = modem.Receive(milliseconds(5000));
     ASSERT_TRUE(received);
@@ -76,9 +76,9 @@ TEST_F(ChannelTest, HardErrorsAndEndOfFileEndTheTransfer) {
     ASSERT_EQ(channel.OpenChannel(), 0);
     ASSERT_TRUE(modem.WaitForChannel(milliseconds(5000)));
     char data[] = "data";
-    modem.AddFault({"write", "/dev/oem_ipc1", EIO});
+    injector.Add({"write", "/dev/oem_ipc1", EIO});
     EXPECT_EQ(channel.WriteToChannel(data, 4), -1);
-    modem.AddFault({"read", "/dev/oem_ipc1", EIO});
+    injector.Add({"read", "/dev/oem_ipc1", EIO});
     EXPECT_EQ(channel.ReadFromChannel(buffer, sizeof(buffer)), -1);
     modem.SendEndOfFile();
     EXPECT_EQ(channel.ReadFromChannel(buffer, sizeof(buffer)), 0);
@@ -142,7 +142,7 @@ TEST_F(ReaderTest, OneReadIsOneMessageFollowedByZeros) {
         EXPECT_EQ(handler.kept[i].length, std::min(sizes[i], kLargestMessage));
         EXPECT_TRUE(handler.kept[i].zeros_follow) << "after message " << i;
     }
-    modem.AddFault({"select", "/dev/oem_ipc1", EBADF});
+    injector.Add({"select", "/dev/oem_ipc1", EBADF});
     modem.SendBytes("last");
 }
 
@@ -152,13 +152,13 @@ TEST_F(ReaderTest, DeviceThatIsGoneIsOpenedAgainWhenItIsBack) {
     SitIoHandler reader(&handler);
     ASSERT_TRUE(reader.Start());
     ASSERT_TRUE(modem.WaitForChannel(milliseconds(5000)));
-    modem.AddFault({"open", "/dev/oem_ipc1", ENXIO, 0, 5});
+    injector.Add({"open", "/dev/oem_ipc1", ENXIO, 0, 5});
     modem.SendEndOfFile();
     ASSERT_TRUE(modem.WaitForChannel(milliseconds(5000)));
     modem.SendBytes("back");
     EXPECT_TRUE(handler.WaitFor(1));
     EXPECT_EQ(log.Count("E Failed to open IO channel, fd: -1"), 5);
-    modem.AddFault({"select", "/dev/oem_ipc1", EBADF});
+    injector.Add({"select", "/dev/oem_ipc1", EBADF});
     modem.SendBytes("last");
 }
 
@@ -174,7 +174,7 @@ TEST_F(ReaderTest, LooksForTheModemOnceTheBootDeviceIsOpen) {
     EXPECT_THAT(log.Lines(), ElementsAre("I IO handler started"));
     static_cast<LateMonitor*>(handler.state_monitor.get())->OpenDevice();
     EXPECT_TRUE(handler.WaitFor(1, milliseconds(1000)));
-    modem.AddFault({"select", "/dev/oem_ipc1", EBADF});
+    injector.Add({"select", "/dev/oem_ipc1", EBADF});
     modem.SendBytes("last");
 }
 

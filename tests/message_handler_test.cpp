@@ -58,7 +58,7 @@ class MessageHandlerTest : public PhoneTestCase {
     // The reader ends when it cannot wait for the channel; it gets there once it is woken. It has
     // to be done with the handler before that goes.
     ~MessageHandlerTest() override {
-        modem.AddFault({"select", "/dev/oem_ipc1", EBADF});
+        injector.Add({"select", "/dev/oem_ipc1", EBADF});
         modem.SendBytes(Encode("type: RESPONSE"));
         EXPECT_TRUE(log.WaitFor("E IO handler thread stopped"));
     }
@@ -176,7 +176,7 @@ TEST_F(MessageHandlerTest, WhatIsNotARequestWithATokenIsRefusedUnsent) {
 }
 
 TEST_F(MessageHandlerTest, FailedWriteIsReportedAndLeavesNoRecord) {
-    modem.AddFault({"write", "/dev/oem_ipc1", EIO, 0, 2});
+    injector.Add({"write", "/dev/oem_ipc1", EIO, 0, 2});
     auto request = NewRequest();
     EXPECT_EQ(handler.SendRequest(request.get(), 3), kStatusWriteFailed);
     EXPECT_FALSE(handler.request_list.load()->IsRecordInList(request->GetToken()));
@@ -235,7 +235,7 @@ class HastyResponseTest : public PhoneTestCase {};
 TEST_F(HastyResponseTest, ResponseThatIsTooEarlyEndsInATimeout) {
     // Offline, the reader ends with its first wait for the modem.
     modem.SetState(kModemStateOnline);
-    modem.AddFault({"select", "/dev/oem_ipc1", EBADF});
+    injector.Add({"select", "/dev/oem_ipc1", EBADF});
     HastyHandler handler;
     ASSERT_EQ(handler.Start(), kStatusSuccess);
     auto request = NewRequest();
@@ -252,7 +252,6 @@ class ExitTest : public testing::Test {
   protected:
     // NOLINTNEXTLINE(concurrency-mt-unsafe): there is no other thread yet.
     ExitTest() { setenv(velmar_phone::kRootVariable, folder.root().c_str(), 1); }
-    ~ExitTest() override { folder.RemoveTree(); }
 
     [[noreturn]] void ExitWhileServing() {
         // It serves to the end of the process.
@@ -263,16 +262,18 @@ class ExitTest : public testing::Test {
         handler->*(&TestHandler::state_monitor) = std::make_unique<OpenMonitor>(handler);
         if (handler->Start() != kStatusSuccess) _exit(2);
         if (!modem->WaitForChannel(milliseconds(5000))) _exit(2);
-        std::thread(TalkToTheEnd, modem).detach();
+        auto* injector = new velmar_sim::FaultInjector(folder);
+        std::thread(TalkToTheEnd, modem, injector).detach();
         exit(0);
     }
 
     // Has a request answered once the handler is going, and ends the reader then.
-    static void TalkToTheEnd(velmar_sim::SimulatedModem* modem) {
+    static void TalkToTheEnd(velmar_sim::SimulatedModem* modem,
+                             velmar_sim::FaultInjector* injector) {
         std::this_thread::sleep_for(milliseconds(200));
         modem->SendBytes(Encode("type: REQUEST token: 1 property_message { read_request {} }"));
         if (!modem->Receive(milliseconds(5000))) _exit(3);
-        modem->AddFault({"select", "/dev/oem_ipc1", EBADF});
+        injector->Add({"select", "/dev/oem_ipc1", EBADF});
         modem->SendBytes(Encode("type: RESPONSE"));
     }
 

@@ -11,8 +11,10 @@
 
 #include "handler/velmar_message_handler.h"
 #include "log_capture.h"
+#include "sim/modem/fault_injector.h"
 #include "sim/modem/phone_folder.h"
 #include "sim/modem/simulated_modem.h"
+#include "sim/modem/thermal_driver.h"
 
 // Runs the test's process in a phone of its own, with a modem.
 class PhoneTestCase : public testing::Test {
@@ -21,10 +23,11 @@ class PhoneTestCase : public testing::Test {
         // NOLINTNEXTLINE(concurrency-mt-unsafe): the modem's thread does not look at it.
         setenv(velmar_phone::kRootVariable, folder.root().c_str(), 1);
     }
-    ~PhoneTestCase() override { folder.RemoveTree(); }
 
     velmar_sim::PhoneFolder folder;
     velmar_sim::SimulatedModem modem{folder};
+    velmar_sim::ThermalDriver thermal{folder};
+    velmar_sim::FaultInjector injector{folder};
     LogCapture log;
 };
 

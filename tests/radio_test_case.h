@@ -23,7 +23,6 @@ class RadioTestCase : public testing::Test {
         // NOLINTNEXTLINE(concurrency-mt-unsafe): there is no other thread yet.
         setenv(velmar_phone::kRootVariable, folder.root().c_str(), 1);
     }
-    ~RadioTestCase() override { folder.RemoveTree(); }
 
     // Makes a library be found under its name. It stays for the life of the process.
     static void Provide(const std::string& variant) {

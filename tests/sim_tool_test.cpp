@@ -19,6 +19,8 @@
 #include <thread>
 #include <vector>
 
+#include "sim/modem/device_socket.h"
+#include "sim/modem/fault_injector.h"
 #include "sim/modem/phone_folder.h"
 #include "sim/modem/simulated_modem.h"
 #include "sim/tool/child_process.h"
@@ -33,29 +35,22 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 using velmar_message::VelmarMessage;
-using velmar_sim::AnswerPolicy;
+using velmar_sim::ResponsePolicy;
 
 namespace {
 
 constexpr milliseconds kSoon{10000};
 constexpr milliseconds kAtOnce{0};
 
-// A folder that goes with the test.
-class TemporaryFolder {
-  public:
-    TemporaryFolder() : path(velmar_sim::PhoneFolder::MakeFresh()) {}
-    ~TemporaryFolder() { std::filesystem::remove_all(path); }
+using velmar_sim::TemporaryFolder;
 
-    std::vector<std::string> Entries() const {
-        std::vector<std::string> names;
-        for (const auto& entry : std::filesystem::directory_iterator(path)) {
-            names.push_back(entry.path().filename());
-        }
-        return names;
+std::vector<std::string> EntriesOf(const TemporaryFolder& folder) {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(folder.path())) {
+        names.push_back(entry.path().filename());
     }
-
-    const std::string path;
-};
+    return names;
+}
 
 // ---- The scenario reader ----
 
@@ -145,18 +140,18 @@ TEST(ScenarioReader, BadScenariosAreNamedByFileAndLine) {
 
 TEST(ScenarioReader, PushedFilesLieBesideTheScenario) {
     const TemporaryFolder folder;
-    std::ofstream(folder.path + "/pushed") << "text";
+    std::ofstream(folder.path() + "/pushed") << "text";
     const auto file = velmar_sim::ParseScenario(
-            folder.path + "/s",
+            folder.path() + "/s",
             "step { push { source: 'pushed' file_dir: FILE_DIRECTORY_MDS file_name: 'a' } }");
-    EXPECT_EQ(file.scenario.step(0).push().source(), folder.path + "/pushed");
+    EXPECT_EQ(file.scenario.step(0).push().source(), folder.path() + "/pushed");
 }
 
-TEST(LogCutter, TellsTheLogFromOtherOutput) {
-    velmar_sim::LogCutter cutter("stderr");
+TEST(LogLineParser, TellsTheLogFromOtherOutput) {
+    velmar_sim::LogLineParser cutter("stderr");
     std::vector<std::string> lines;
     const auto cut = [&](const std::string& written) {
-        for (const auto& line : cutter.Cut(written)) {
+        for (const auto& line : cutter.Parse(written)) {
             lines.push_back(std::string(1, line.priority) + line.tag + "|" + line.text);
         }
     };
@@ -175,23 +170,17 @@ TEST(LogCutter, TellsTheLogFromOtherOutput) {
 // The service's side of a device, without a service.
 class Opener {
   public:
-    Opener(const velmar_sim::PhoneFolder& folder, const std::string& name) {
-        const std::string directory = folder.HostPath("/dev");
-        const android::base::unique_fd at(open(directory.c_str(), O_PATH | O_CLOEXEC));
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        const std::string path = "/proc/self/fd/" + std::to_string(at.get()) + "/" + name;
-        memcpy(address.sun_path, path.c_str(), path.size() + 1);
-        fd.reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    Opener(const velmar_sim::PhoneFolder& folder, const std::string& name)
+        : state(folder.MapState()), fd(velmar_sim::ConnectTo(folder.HostPath("/dev/" + name))) {
         const timeval limit = {10, 0};
         setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
-        EXPECT_EQ(connect(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
     }
 
     // One message; "-" when there is none right now or the modem is gone.
     std::string Read(int flags = 0) const {
         std::string buffer(200000, '\0');
         const ssize_t size = recv(fd.get(), buffer.data(), buffer.size(), flags);
+        if (size > 0) ++state->channel_reads;
         return size < 0 ? "-" : buffer.substr(0, static_cast<size_t>(size));
     }
 
@@ -209,13 +198,12 @@ class Opener {
     void Close() { fd.reset(); }
 
   private:
+    velmar_sim::StatePtr state;
     android::base::unique_fd fd;
 };
 
 class ModemTest : public testing::Test {
   protected:
-    ~ModemTest() override { folder.RemoveTree(); }
-
     static std::string Request(uint32_t token) {
         VelmarMessage message;
         message.set_type(velmar_message::REQUEST);
@@ -226,38 +214,44 @@ class ModemTest : public testing::Test {
 
     velmar_sim::PhoneFolder folder;
     velmar_sim::SimulatedModem modem{folder};
+    velmar_sim::FaultInjector injector{folder};
 };
 
-TEST_F(ModemTest, SendingNeedsAnOpenChannel) {
-    EXPECT_THROW(modem.SendBytes("x"), std::runtime_error);
-    EXPECT_FALSE(modem.WaitForChannel(kAtOnce));
-    const Opener first(folder, "oem_ipc1");
-    EXPECT_TRUE(modem.WaitForChannel(kAtOnce));
-    modem.SendBytes("for the first");
-    EXPECT_EQ(first.Read(), "for the first");
-
-    const Opener second(folder, "oem_ipc1");
-    modem.SendBytes("for the second");
-    EXPECT_EQ(second.Read(), "for the second");
-    EXPECT_EQ(first.Read(MSG_DONTWAIT), "-");
-    first.Write("both are heard");
-    EXPECT_EQ(modem.Receive(kSoon)->bytes, "both are heard");
+TEST_F(ModemTest, WhatNobodyHasReadWaitsForTheNextReader) {
+    const auto closed = [this] { return !modem.WaitForChannel(kAtOnce); };
+    EXPECT_TRUE(closed());
+    modem.SendBytes("1");
+    {
+        const Opener first(folder, "oem_ipc1");
+        const Opener second(folder, "oem_ipc1");
+        for (const char* message : {"2", "3", "4"}) modem.SendBytes(message);
+        EXPECT_EQ(first.Read(), "1");
+        EXPECT_EQ(first.Read(), "2");
+        EXPECT_EQ(second.Read(MSG_DONTWAIT), "-");
+        second.Write("both are heard");
+        EXPECT_EQ(modem.Receive(kSoon)->bytes, "both are heard");
+    }
+    EXPECT_TRUE(closed());
+    modem.SendBytes("5");
+    const Opener third(folder, "oem_ipc1");
+    for (const char* message : {"3", "4", "5"}) EXPECT_EQ(third.Read(), message);
 
     modem.SendEndOfFile();
-    EXPECT_EQ(second.Read(), "");
-    EXPECT_FALSE(modem.WaitForChannel(kAtOnce));
-    EXPECT_THROW(modem.SendBytes("x"), std::runtime_error);
-    const Opener third(folder, "oem_ipc1");
-    modem.SendBytes("for the third");
-    EXPECT_EQ(third.Read(), "for the third");
-
-    modem.HangUp();
     EXPECT_EQ(third.Read(), "");
+    EXPECT_TRUE(closed());
+    EXPECT_THROW(modem.SendEndOfFile(), std::runtime_error);
+}
+
+TEST_F(ModemTest, HangingUpLosesNothing) {
+    Opener first(folder, "oem_ipc1");
+    for (const char* message : {"1", "2"}) modem.SendBytes(message);
+    modem.HangUp();
     EXPECT_FALSE(modem.WaitForChannel(kAtOnce));
-    Opener fourth(folder, "oem_ipc1");
-    EXPECT_TRUE(modem.WaitForChannel(kAtOnce));
-    fourth.Close();
-    EXPECT_FALSE(modem.WaitForChannel(kAtOnce));
+    const Opener second(folder, "oem_ipc1");
+    modem.SendBytes("3");
+    EXPECT_EQ(first.Read(), "1");
+    first.Close();
+    for (const char* message : {"2", "3"}) EXPECT_EQ(second.Read(), message);
 }
 
 TEST_F(ModemTest, MessagesOfEverySizeKeepTheirBorders) {
@@ -281,10 +275,10 @@ TEST_F(ModemTest, AnswersAsItIsTold) {
     opener.Write(Request(1));
     EXPECT_TRUE(modem.Receive(kSoon)->message.has_extended_log_message());
 
-    AnswerPolicy slow;
+    ResponsePolicy slow;
     slow.delay = milliseconds(300);
     slow.result = velmar_message::FAILURE;
-    modem.SetAnswerPolicy(slow, VelmarMessage::kExtendedLogMessage);
+    modem.SetResponsePolicy(slow, VelmarMessage::kExtendedLogMessage);
     const auto asked = velmar_sim::Clock::now();
     opener.Write(Request(2));
     EXPECT_TRUE(modem.Receive(milliseconds(250)).has_value());
@@ -292,19 +286,19 @@ TEST_F(ModemTest, AnswersAsItIsTold) {
     EXPECT_GE(velmar_sim::Clock::now() - asked, slow.delay);
 
     // A policy for all takes the place of that for one payload.
-    AnswerPolicy odd;
+    ResponsePolicy odd;
     odd.delay = milliseconds(0);
     odd.result = std::nullopt;
     odd.copies = 2;
     odd.unknown_token_first = true;
-    modem.SetAnswerPolicy(odd);
+    modem.SetResponsePolicy(odd);
     opener.Write(Request(3));
     EXPECT_NE(opener.ReadMessage().token(), 3U);
     EXPECT_EQ(opener.ReadMessage().ShortDebugString(), "type: RESPONSE token: 3");
     EXPECT_EQ(opener.ReadMessage().ShortDebugString(), "type: RESPONSE token: 3");
 
-    odd.answer = false;
-    modem.SetAnswerPolicy(odd, VelmarMessage::kExtendedLogMessage);
+    odd.responds = false;
+    modem.SetResponsePolicy(odd, VelmarMessage::kExtendedLogMessage);
     opener.Write(Request(4));
     VelmarMessage other;
     other.set_type(velmar_message::REQUEST);
@@ -336,20 +330,20 @@ TEST_F(ModemTest, FaultsFillTheFreeSlots) {
         return std::make_pair(copy.fault_count.load(), copy.faults[0].remaining.load());
     };
     velmar_sim::FaultRule rule = {"read", "/dev/oem_ipc1", EIO, 0, 3, 1};
-    for (int i = 0; i < velmar_phone::kMaxFaults; ++i) modem.AddFault(rule);
+    for (int i = 0; i < velmar_phone::kMaxFaults; ++i) injector.Add(rule);
     EXPECT_EQ(state(), std::make_pair(velmar_phone::kMaxFaults, 3));
-    EXPECT_THROW(modem.AddFault(rule), std::runtime_error);
-    modem.ClearFaults();
+    EXPECT_THROW(injector.Add(rule), std::runtime_error);
+    injector.Clear();
     EXPECT_EQ(state(), std::make_pair(0, 0));
-    modem.AddFault(rule);
+    injector.Add(rule);
     EXPECT_EQ(state(), std::make_pair(1, 3));
     rule.path = std::string(300, 'x');
-    EXPECT_THROW(modem.AddFault(rule), std::runtime_error);
+    EXPECT_THROW(injector.Add(rule), std::runtime_error);
 }
 
 TEST(PhoneFolder, HasLongNamesAndModesWhateverTheUmask) {
     const TemporaryFolder above;
-    const std::string long_name = above.path + "/" + std::string(150, 'n');
+    const std::string long_name = above.path() + "/" + std::string(150, 'n');
     const mode_t before = umask(0777);
     const velmar_sim::PhoneFolder folder(long_name);
     folder.WriteFile("/data/new/file", "text", 0640);
@@ -367,8 +361,6 @@ TEST(PhoneFolder, HasLongNamesAndModesWhateverTheUmask) {
 
 class PushTest : public testing::Test {
   protected:
-    ~PushTest() override { folder.RemoveTree(); }
-
     static velmar_sim::Push Generated(uint32_t size, uint32_t chunk_size) {
         velmar_sim::Push push;
         push.mutable_generated()->set_size(size);
@@ -456,10 +448,7 @@ TEST_F(PushTest, TheStoredFileIsComparedInEveryRespect) {
     folder.WriteFile(target, content + "x", 0666);
     EXPECT_EQ(file.StoredDifference(), target + " has another size\n  expected: 3\n  actual:   4");
     folder.WriteFile(target, "abc", 0666);
-    EXPECT_THAT(
-            file.StoredDifference(),
-            HasSubstr("\n  actual:   ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f200"
-                      "15ad"));
+    EXPECT_THAT(file.StoredDifference(), HasSubstr(target + " differs from byte 0 on"));
     folder.WriteFile(target, content, 0666);
     EXPECT_EQ(file.StoredDifference(), "");
 }
@@ -489,13 +478,13 @@ bool Await(const std::function<bool()>& holds) {
 class ToolTest : public testing::Test {
   protected:
     void Start(const std::string& scenario, std::vector<std::string> options) {
-        const std::string file = scratch.path + "/s.textproto";
+        const std::string file = scratch.path() + "/s.textproto";
         std::ofstream(file) << scenario;
         options.insert(options.begin(), {"velmar_sim", "run", file});
         velmar_sim::Launch launch;
         launch.executable = VELMAR_SIM_PATH;
         launch.arguments = std::move(options);
-        launch.variables = {"TMPDIR=" + temporary.path};
+        launch.variables = {"TMPDIR=" + temporary.path()};
         StartProgram(launch);
     }
 
@@ -526,7 +515,7 @@ class ToolTest : public testing::Test {
     std::string Output() {
         const std::lock_guard<std::mutex> guard(lock);
         std::string shown = text;
-        const std::string file = scratch.path + "/s.textproto";
+        const std::string file = scratch.path() + "/s.textproto";
         for (size_t at = shown.find(file); at != std::string::npos; at = shown.find(file)) {
             shown.replace(at, file.size(), "s");
         }
@@ -635,7 +624,7 @@ TEST_F(ToolTest, VerdictsAndExitStatuses) {
         Run(run.scenario, {"--velmar", "/bin/sh", "--time-factor", "1"});
         EXPECT_EQ(ExitStatus(), run.status);
         for (const std::string& part : run.output) EXPECT_THAT(Output(), HasSubstr(part));
-        EXPECT_THAT(temporary.Entries(), IsEmpty());
+        EXPECT_THAT(EntriesOf(temporary), IsEmpty());
     }
 }
 
@@ -694,7 +683,7 @@ TEST_F(ToolTest, ALongPushIsSummedUp) {
 }
 
 TEST_F(ToolTest, ATerminalShowsABar) {
-    const std::string file = scratch.path + "/s.textproto";
+    const std::string file = scratch.path() + "/s.textproto";
     std::ofstream(file) << PushScenario("");
     velmar_sim::Launch launch;
     launch.executable = "/usr/bin/script";
@@ -702,7 +691,7 @@ TEST_F(ToolTest, ATerminalShowsABar) {
                         std::string(VELMAR_SIM_PATH) + " run --velmar " + VELMAR_PATH +
                                 " --time-factor 4 " + file,
                         "/dev/null"};
-    launch.variables = {"TMPDIR=" + temporary.path};
+    launch.variables = {"TMPDIR=" + temporary.path()};
     StartProgram(launch);
     Finish();
     EXPECT_EQ(ExitStatus(), 0);
@@ -740,34 +729,44 @@ TEST_F(ToolTest, QuietRunsShowVerdictsOnly) {
 TEST_F(ToolTest, AKeptFolderIsNamed) {
     Run("phone { no_server: true } step { write_file { path: '/data/f' content: 'abc' } }",
         {"--keep", "--velmar", "/bin/sh"});
-    ASSERT_EQ(temporary.Entries().size(), 1U);
-    const std::string kept = temporary.path + "/" + temporary.Entries().front();
+    ASSERT_EQ(EntriesOf(temporary).size(), 1U);
+    const std::string kept = temporary.path() + "/" + EntriesOf(temporary).front();
     EXPECT_THAT(Output(), HasSubstr("folder " + kept + "\n"));
     EXPECT_EQ(std::filesystem::file_size(kept + "/data/f"), 3U);
 }
 
 TEST_F(ToolTest, AKilledRunLeavesNothingBehind) {
     // Each process of the phone has the writing end of this open.
-    const std::string held = scratch.path + "/held";
+    const std::string held = scratch.path() + "/held";
     ASSERT_EQ(mkfifo(held.c_str(), 0600), 0);
-    // The service has a process of its own, which the service's end alone does not end.
-    const std::string scenario = ShellPhone("exec 9>" + held + "; sleep 600 & echo started; wait") +
-                                 "step { log { tag: 'stdout' text: 'started' } }\n"
-                                 "step { say: 'waiting' }\nstep { pause_ms: 600000 }";
-    for (const int number : {SIGKILL, SIGTERM, SIGINT}) {
+    const auto scenario = [&](const std::string& line) {
+        return ShellPhone("exec 9>" + held + "; " + line) +
+               "step { log { tag: 'stdout' text: 'started' } }\n"
+               "step { say: 'waiting' }\nstep { pause_ms: 600000 }";
+    };
+    // What the service itself has started is killed only by a tool that is not killed.
+    const struct {
+        int signal;
+        std::string service;
+    } runs[] = {{SIGTERM, scenario("sleep 600 & echo started; wait")},
+                {SIGINT, scenario("sleep 600 & echo started; wait")},
+                {SIGKILL, scenario("echo started; exec sleep 600")}};
+    for (const auto& [number, played] : runs) {
         SCOPED_TRACE(number);
         const android::base::unique_fd holders(open(held.c_str(), O_RDONLY | O_NONBLOCK));
-        Start(scenario, {"--velmar", "/bin/sh"});
+        Start(played, {"--velmar", "/bin/sh"});
         ASSERT_TRUE(AwaitOutput("waiting")) << Output();
-        EXPECT_THAT(temporary.Entries(), Not(IsEmpty()));
+        EXPECT_THAT(EntriesOf(temporary), Not(IsEmpty()));
         tool->Signal(number);
         Finish();
         EXPECT_TRUE(WIFSIGNALED(tool->wait_status()));
-        EXPECT_TRUE(Await([&] { return temporary.Entries().empty(); }));
+        EXPECT_EQ(EntriesOf(temporary).empty(), number != SIGKILL);
         char none = 0;
         EXPECT_TRUE(Await([&] { return read(holders.get(), &none, 1) == 0; }));
         tool.reset();
     }
+    Run("phone { no_server: true } step { say: 'x' }", {"--velmar", "/bin/sh"});
+    EXPECT_THAT(EntriesOf(temporary), IsEmpty());
 }
 
 }  // namespace

@@ -2,19 +2,17 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <stdlib.h>
+#include <stdio.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <stdexcept>
 
+#include "android-base/file.h"
 #include "android-base/unique_fd.h"
 
 #include "sim/modem/errors.h"
-#include "sim/phone/phone_state.h"
 
 namespace velmar_sim {
 
@@ -50,11 +48,7 @@ void PutFile(const std::string& host_path, const std::string& content, mode_t mo
     const unique_fd fd(
             open(host_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kSharedFileMode));
     if (fd < 0) ThrowErrno("open " + host_path);
-    for (size_t done = 0; done < content.size();) {
-        const ssize_t written = write(fd.get(), content.data() + done, content.size() - done);
-        if (written < 0) ThrowErrno("write " + host_path);
-        done += static_cast<size_t>(written);
-    }
+    if (!android::base::WriteStringToFd(content, fd)) ThrowErrno("write " + host_path);
     if (fchmod(fd.get(), mode) != 0) ThrowErrno("fchmod " + host_path);
 }
 
@@ -67,22 +61,31 @@ std::string PropertyPath(const std::string& name) {
 
 }  // namespace
 
-std::string PhoneFolder::MakeFresh() {
-    const char* temporary = secure_getenv("TMPDIR");
-    if (temporary == nullptr || *temporary == '\0') temporary = "/tmp";
-    std::string name = std::filesystem::absolute(temporary).string() + "/velmar-phone-XXXXXX";
-    if (mkdtemp(name.data()) == nullptr) ThrowErrno("mkdtemp " + name);
-    return name;
+void StateUnmapper::operator()(velmar_phone::PhoneState* mapped) const {
+    munmap(mapped, sizeof(*mapped));
+}
+
+PhoneFolder::PhoneFolder()
+    : temporary(std::make_unique<TemporaryFolder>()), folder_root(temporary->path()) {
+    Fill();
 }
 
 PhoneFolder::PhoneFolder(const std::string& folder)
     : folder_root(std::filesystem::absolute(folder).string()) {
     MakeDirectory(folder_root);
+    Fill();
+}
+
+void PhoneFolder::Fill() const {
     MakeDirectories(velmar_phone::kPropertyDirectory);
     for (const char* directory : kDirectories) MakeDirectories(directory);
     WriteFile(kThermalNode, "", kSharedFileMode);
     WriteFile(velmar_phone::kStateFile, std::string(sizeof(velmar_phone::PhoneState), '\0'),
               kSharedFileMode);
+}
+
+bool PhoneFolder::IsPropertyValue(const std::string& name, const std::string& value) {
+    return value.size() <= kMaxPropertyValue || name.rfind("ro.", 0) == 0;
 }
 
 bool PhoneFolder::IsPhonePath(const std::string& path) {
@@ -112,9 +115,9 @@ void PhoneFolder::WriteFile(const std::string& path, const std::string& content,
 }
 
 std::optional<std::string> PhoneFolder::ReadFile(const std::string& path) const {
-    std::ifstream stream(HostPath(path), std::ios::binary);
-    if (!stream) return std::nullopt;
-    return std::string(std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>());
+    std::string content;
+    if (!android::base::ReadFileToString(HostPath(path), &content, true)) return std::nullopt;
+    return content;
 }
 
 std::optional<mode_t> PhoneFolder::Mode(const std::string& path) const {
@@ -129,7 +132,7 @@ void PhoneFolder::Remove(const std::string& path) const {
 
 void PhoneFolder::SetProperty(const std::string& name, const std::string& value) const {
     const std::string target = HostPath(PropertyPath(name));
-    if (value.size() > kMaxPropertyValue) {
+    if (!IsPropertyValue(name, value)) {
         throw std::runtime_error("the value of property " + name + " has " +
                                  std::to_string(value.size()) + " bytes, expected at most " +
                                  std::to_string(kMaxPropertyValue));
@@ -149,8 +152,14 @@ void PhoneFolder::RefuseProperty(const std::string& name) const {
     WriteFile(velmar_phone::kRefusedProperties, refused + name + "\n", kSharedFileMode);
 }
 
-void PhoneFolder::RemoveTree() const {
-    std::filesystem::remove_all(folder_root);
+StatePtr PhoneFolder::MapState() const {
+    const std::string path = HostPath(velmar_phone::kStateFile);
+    const unique_fd fd(open(path.c_str(), O_RDWR | O_CLOEXEC));
+    if (fd < 0) ThrowErrno("open " + path);
+    void* mapped = mmap(nullptr, sizeof(velmar_phone::PhoneState), PROT_READ | PROT_WRITE,
+                        MAP_SHARED, fd.get(), 0);
+    if (mapped == MAP_FAILED) ThrowErrno("mmap " + path);
+    return StatePtr(static_cast<velmar_phone::PhoneState*>(mapped));
 }
 
 }  // namespace velmar_sim

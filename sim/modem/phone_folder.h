@@ -2,8 +2,12 @@
 
 #include <sys/types.h>
 
+#include <memory>
 #include <optional>
 #include <string>
+
+#include "sim/modem/temporary_folder.h"
+#include "sim/phone/phone_state.h"
 
 namespace velmar_sim {
 
@@ -15,6 +19,11 @@ constexpr char kReplayFiles[] = "/mnt/vendor/modem_userdata/replay";
 // The thermal driver's node.
 constexpr char kThermalNode[] = "/sys/devices/platform/cp-tm1/cp_temp";
 
+struct StateUnmapper {
+    void operator()(velmar_phone::PhoneState* mapped) const;
+};
+using StatePtr = std::unique_ptr<velmar_phone::PhoneState, StateUnmapper>;
+
 // The folder that a simulated phone lives in: its devices, directories, files and properties. Paths
 // are the phone's own, absolute and without "..", such as "/data/vendor/radio/velmar_pid"; the
 // folder itself is named by the workstation's path. A failing operation throws std::runtime_error
@@ -22,20 +31,20 @@ constexpr char kThermalNode[] = "/sys/devices/platform/cp-tm1/cp_temp";
 // threads that change the same file need an order of their own.
 class PhoneFolder {
   public:
-    // Bytes that a property's value may have.
+    // Bytes that the value of a property may have whose name does not begin with "ro.".
     static constexpr size_t kMaxPropertyValue = 91;
+
+    // Whether a property of this name may have this value. Those that begin with "ro." may be long.
+    static bool IsPropertyValue(const std::string& name, const std::string& value);
 
     // Whether `path` is absolute, without "..", and not just "/".
     static bool IsPhonePath(const std::string& path);
 
-    // Makes an empty folder of a new name below TMPDIR (else /tmp); gives its absolute path.
-    static std::string MakeFresh();
+    // Fills a temporary folder, which goes with the object.
+    PhoneFolder();
 
-    // Fills a folder of its own, below TMPDIR.
-    PhoneFolder() : PhoneFolder(MakeFresh()) {}
-
-    // Fills `folder`, which is made if it does not exist, with what a phone holds before its
-    // services start: the directories, an offline modem's state, no property.
+    // Fills `folder`, which is made if it does not exist and stays, with what a phone holds before
+    // its services start: the directories, an offline modem's state, no property.
     explicit PhoneFolder(const std::string& folder);
 
     // Absolute path of the folder: the value for VELMAR_PHONE_ROOT.
@@ -60,8 +69,7 @@ class PhoneFolder {
     // Removes a file, or a directory with all that it holds. No error when it is missing.
     void Remove(const std::string& path) const;
 
-    // Sets a property at once for every process of the phone; `value` has at most
-    // kMaxPropertyValue.
+    // Sets a property at once for every process of the phone; `value` must be one for it.
     void SetProperty(const std::string& name, const std::string& value) const;
 
     // The value of a property; nothing when it is not set.
@@ -70,10 +78,13 @@ class PhoneFolder {
     // From now on the phone refuses to set this property.
     void RefuseProperty(const std::string& name) const;
 
-    // Removes the folder with all that it holds.
-    void RemoveTree() const;
+    // Maps the state that the phone's processes share.
+    StatePtr MapState() const;
 
   private:
+    void Fill() const;
+
+    std::unique_ptr<TemporaryFolder> temporary;
     std::string folder_root;
 };
 

@@ -1,30 +1,24 @@
 #include "sim/modem/simulated_modem.h"
 
 #include <errno.h>
-#include <fcntl.h>
+#include <linux/sockios.h>
 #include <poll.h>
-#include <string.h>
 #include <sys/eventfd.h>
-#include <sys/mman.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <sys/time.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <stdexcept>
 #include <utility>
+#include <vector>
 
-#include "google/protobuf/stubs/strutil.h"
-
+#include "sim/modem/device_socket.h"
 #include "sim/modem/errors.h"
 
 namespace velmar_sim {
 
 namespace {
 
-using android::base::unique_fd;
 using std::chrono::milliseconds;
 using velmar_message::VelmarMessage;
 
@@ -32,46 +26,37 @@ using velmar_message::VelmarMessage;
 constexpr size_t kReceiveBufferSize = size_t{1} << 20;
 // Asked for; the kernel grants what its limit allows, and never less than 128 KiB.
 constexpr int kSendBufferSize = 1 << 20;
-constexpr timeval kSendTimeout = {5, 0};
-constexpr int kListenBacklog = 64;
-// What the kernel passes to a driver's node at once.
-constexpr size_t kNodeBufferSize = 4096;
+constexpr std::chrono::seconds kSendTimeout{5};
+// Between two looks at a connection that tells no one of its change.
+constexpr int kPollMilliseconds = 2;
+// How many looks a message that left the socket has until it counts as lost with its reader: the
+// phone counts it a moment after it was read.
+constexpr int kMaxLooks = 50;
 constexpr uint32_t kUnknownTokenBit = 0x80000000;
 
-velmar_phone::PhoneState* MapState(const PhoneFolder& folder) {
-    const std::string path = folder.HostPath(velmar_phone::kStateFile);
-    const unique_fd fd(open(path.c_str(), O_RDWR | O_CLOEXEC));
-    if (fd < 0) ThrowErrno("open " + path);
-    void* mapped = mmap(nullptr, sizeof(velmar_phone::PhoneState), PROT_READ | PROT_WRITE,
-                        MAP_SHARED, fd.get(), 0);
-    if (mapped == MAP_FAILED) ThrowErrno("mmap " + path);
-    return static_cast<velmar_phone::PhoneState*>(mapped);
+// Whether all that was sent over the socket was read, or went with its reader.
+bool IsDrained(int fd) {
+    int unread = 0;
+    return ioctl(fd, SIOCOUTQ, &unread) != 0 || unread == 0;
 }
 
-// Copies `text` with its final null into a fixed field of the state page.
-template <size_t kSize>
-void CopyText(const std::string& text, char (&field)[kSize]) {
-    if (text.empty() || text.size() >= kSize) {
-        throw std::runtime_error("fault: \"" + text + "\" has " + std::to_string(text.size()) +
-                                 " bytes, expected 1 to " + std::to_string(kSize - 1));
-    }
-    memcpy(field, text.c_str(), text.size() + 1);
+bool IsPeerOpen(int fd) {
+    pollfd polled = {fd, POLLRDHUP, 0};
+    return poll(&polled, 1, 0) == 0;
 }
 
 }  // namespace
 
-void SimulatedModem::StateUnmapper::operator()(velmar_phone::PhoneState* mapped) const {
-    munmap(mapped, sizeof(*mapped));
-}
-
-SimulatedModem::SimulatedModem(const PhoneFolder& folder, ModemObserver* modem_observer)
-    : observer(modem_observer),
-      state(MapState(folder)),
+SimulatedModem::SimulatedModem(const PhoneFolder& folder, EventStream* event_stream)
+    : events(event_stream),
+      state(folder.MapState()),
       wake_fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       receive_buffer(kReceiveBufferSize, '\0'),
-      channel(Listen(folder, velmar_phone::kChannelDevice)),
-      boot(Listen(folder, velmar_phone::kBootDevice)),
-      thermal(Listen(folder, kThermalNode)) {
+      channel{velmar_phone::kChannelDevice,
+              ListenAt(folder.HostPath(velmar_phone::kChannelDevice)),
+              {}},
+      boot{velmar_phone::kBootDevice, ListenAt(folder.HostPath(velmar_phone::kBootDevice)), {}},
+      reads_seen(state->channel_reads.load(std::memory_order_acquire)) {
     if (wake_fd < 0) ThrowErrno("eventfd");
     thread = std::thread(&SimulatedModem::Run, this);
 }
@@ -85,120 +70,71 @@ SimulatedModem::~SimulatedModem() {
     thread.join();
 }
 
-SimulatedModem::Device SimulatedModem::Listen(const PhoneFolder& folder, const char* path) {
-    const std::string host_path = folder.HostPath(path);
-    const size_t name = host_path.rfind('/') + 1;
-    Device device;
-    device.name = path;
-    device.listener.reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (device.listener < 0) ThrowErrno("socket");
-
-    // An address holds 107 bytes, a folder's path may have more.
-    const unique_fd directory(
-            open(host_path.substr(0, name).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (directory < 0) ThrowErrno("open " + host_path.substr(0, name));
-    const std::string address_path =
-            "/proc/self/fd/" + std::to_string(directory.get()) + "/" + host_path.substr(name);
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    memcpy(address.sun_path, address_path.c_str(), address_path.size() + 1);
-
-    unlink(host_path.c_str());
-    if (bind(device.listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) !=
-        0) {
-        ThrowErrno("bind " + host_path);
-    }
-    if (listen(device.listener.get(), kListenBacklog) != 0) ThrowErrno("listen " + host_path);
-    return device;
-}
-
 void SimulatedModem::Wake() const {
-    const uint64_t one = 1;
     // A counter that is full wakes as well, so the result does not matter.
-    [[maybe_unused]] const ssize_t written = write(wake_fd.get(), &one, sizeof(one));
+    eventfd_write(wake_fd.get(), 1);
 }
 
-void SimulatedModem::Notice(const std::string& text) const {
-    if (observer != nullptr) observer->OnEvent(text);
+void SimulatedModem::Emit(const Event& event) const {
+    if (events != nullptr) events->Emit(event);
 }
 
 // Called with the lock held.
 void SimulatedModem::AcceptOpeners(Device* device) {
     while (true) {
-        auto connection = std::make_shared<Connection>(
-                accept4(device->listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
-        if (connection->fd < 0) return;
-        const int fd = connection->fd.get();
-        setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &kSendBufferSize, sizeof(kSendBufferSize));
-        setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &kSendTimeout, sizeof(kSendTimeout));
+        Connection connection;
+        connection.fd.reset(accept4(device->listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        if (connection.fd < 0) return;
+        setsockopt(connection.fd.get(), SOL_SOCKET, SO_SNDBUF, &kSendBufferSize,
+                   sizeof(kSendBufferSize));
         device->connections.push_back(std::move(connection));
-        Notice("velmar opened " + device->name);
+        Emit({Event::Kind::kOpened, device->name});
         changed.notify_all();
         Wake();
     }
 }
 
-void SimulatedModem::Drop(Device* device, const ConnectionPtr& connection) {
-    const std::lock_guard<std::mutex> guard(lock);
-    auto& all = device->connections;
-    const auto found = std::find(all.begin(), all.end(), connection);
-    if (found == all.end()) return;
-    all.erase(found);
-    Notice("velmar closed " + device->name);
+// Called with the lock held, by the modem's thread.
+void SimulatedModem::Drop(Device* device, Opener connection) {
+    if (!connection->hung_up) Emit({Event::Kind::kClosed, device->name});
+    if (device == &channel && connection == channel.connections.begin()) {
+        ForgetReadMessages();
+        handed_over = 0;
+    }
+    device->connections.erase(connection);
+    changed.notify_all();
 }
 
 void SimulatedModem::SetState(int new_state, int wakes) {
-    Notice("modem state " + std::to_string(new_state) +
-           (wakes == 1 ? "" : ", events: " + std::to_string(wakes)));
+    Event event = {Event::Kind::kState, wakes == 1 ? "" : ", events: " + std::to_string(wakes)};
+    event.number = new_state;
+    Emit(event);
     const std::lock_guard<std::mutex> guard(lock);
     // The state comes first: whoever opened the device before this line is woken, and whoever
     // opens it later reads the new state.
     state->boot_state.store(new_state, std::memory_order_release);
     AcceptOpeners(&boot);
-    for (const ConnectionPtr& connection : boot.connections) {
+    for (const Connection& connection : boot.connections) {
         const char packet = 0;
         // A full socket holds wake-ups enough.
         for (int i = 0; i < wakes; ++i) {
-            send(connection->fd.get(), &packet, sizeof(packet), MSG_NOSIGNAL | MSG_DONTWAIT);
+            send(connection.fd.get(), &packet, sizeof(packet), MSG_NOSIGNAL | MSG_DONTWAIT);
         }
     }
 }
 
 bool SimulatedModem::WaitForChannel(milliseconds timeout) {
     std::unique_lock<std::mutex> guard(lock);
-    return changed.wait_for(guard, timeout, [this] { return NewestOpen() != nullptr; });
+    return changed.wait_for(guard, timeout, [this] { return HasOpener(); });
 }
 
-// The newest connection, or null when the service has the channel not open. Called with the lock
-// held.
-SimulatedModem::ConnectionPtr SimulatedModem::NewestOpen() {
+// Whether the service has the channel open. Called with the lock held.
+bool SimulatedModem::HasOpener() {
     AcceptOpeners(&channel);
-    if (channel.connections.empty() || channel.connections.back()->finished) return nullptr;
     // The service may have closed it without the thread having noticed.
-    pollfd polled = {channel.connections.back()->fd.get(), POLLRDHUP, 0};
-    if (poll(&polled, 1, 0) != 0) return nullptr;
-    return channel.connections.back();
-}
-
-SimulatedModem::ConnectionPtr SimulatedModem::OpenChannel() {
-    const std::lock_guard<std::mutex> guard(lock);
-    return NewestOpen();
-}
-
-void SimulatedModem::Transmit(const ConnectionPtr& connection, const std::string& bytes) const {
-    const std::string what = "a message of " + std::to_string(bytes.size()) + " bytes";
-    if (connection == nullptr) {
-        throw std::runtime_error(what + " cannot be sent: the service has not opened the channel");
-    }
-    if (observer != nullptr && !bytes.empty()) observer->OnSent(bytes);
-    // The lock is not held: this may wait for the service, and the service for our thread.
-    if (send(connection->fd.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) >= 0) return;
-    if (errno == EAGAIN) {
-        throw std::runtime_error(what + " cannot be sent: the channel is full, for " +
-                                 std::to_string(kSendTimeout.tv_sec) +
-                                 " s the service has read nothing");
-    }
-    ThrowErrno(what + " cannot be sent");
+    return std::any_of(
+            channel.connections.begin(), channel.connections.end(),
+            [](const Connection& one) { return !one.finished && IsPeerOpen(one.fd.get()); });
 }
 
 void SimulatedModem::Send(const VelmarMessage& message) {
@@ -207,26 +143,86 @@ void SimulatedModem::Send(const VelmarMessage& message) {
 
 void SimulatedModem::SendBytes(const std::string& bytes) {
     if (bytes.empty()) throw std::runtime_error("a message needs at least one byte");
-    Transmit(OpenChannel(), bytes);
+    std::unique_lock<std::mutex> guard(lock);
+    Enqueue(bytes);
+    // A channel that is open has to take it; otherwise it waits for the next one who opens it.
+    const auto is_over = [this] {
+        const auto& readers = channel.connections;
+        return handed_over == unread.size() || readers.empty() || readers.front().finished;
+    };
+    if (changed.wait_for(guard, kSendTimeout, is_over)) return;
+    throw std::runtime_error("a message of " + std::to_string(bytes.size()) +
+                             " bytes has to wait: the channel is full, for " +
+                             std::to_string(kSendTimeout.count()) +
+                             " s the service has read nothing");
+}
+
+// Called with the lock held.
+void SimulatedModem::Enqueue(const std::string& bytes) {
+    Event event = {Event::Kind::kSent};
+    event.bytes = bytes;
+    Emit(event);
+    unread.push_back(bytes);
+    AcceptOpeners(&channel);
+    HandOverMessages();
+    // The thread goes on with it once there is room.
+    if (handed_over < unread.size()) Wake();
+}
+
+// Called with the lock held.
+void SimulatedModem::ForgetReadMessages() {
+    const uint32_t reads = state->channel_reads.load(std::memory_order_acquire);
+    for (; reads_seen != reads && handed_over > 0; ++reads_seen, --handed_over) unread.pop_front();
+    reads_seen = reads;
+}
+
+// Puts what waits into the first connection's socket as far as it has room. All that is unread is
+// in one socket at a time: only so does the count of reads tell which messages were read. Fails for
+// a message that no socket holds, which is then dropped. Called with the lock held.
+void SimulatedModem::HandOverMessages() {
+    ForgetReadMessages();
+    while (handed_over < unread.size() && !channel.connections.empty()) {
+        const Connection& reader = channel.connections.front();
+        if (reader.finished) return;
+        const std::string& bytes = unread[handed_over];
+        if (send(reader.fd.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT) >= 0) {
+            if (++handed_over == unread.size()) changed.notify_all();
+        } else if (errno == EAGAIN || errno == EPIPE || errno == ECONNRESET) {
+            // Of a connection that was closed the thread hears too.
+            return;
+        } else {
+            const int error = errno;
+            const std::string what = "a message of " + std::to_string(bytes.size()) + " bytes";
+            unread.erase(unread.begin() + static_cast<std::ptrdiff_t>(handed_over));
+            ThrowErrno(what + " cannot be sent", error);
+        }
+    }
 }
 
 void SimulatedModem::SendEndOfFile() {
-    const ConnectionPtr connection = OpenChannel();
-    Notice("end of file on the channel");
-    Transmit(connection, "");
+    if (events != nullptr) events->EmitText("end of file on the channel");
     const std::lock_guard<std::mutex> guard(lock);
-    connection->finished = true;
+    AcceptOpeners(&channel);
+    HandOverMessages();
+    if (channel.connections.empty() || channel.connections.front().finished) {
+        throw std::runtime_error("no end of file: the service has not opened the channel");
+    }
+    Connection& reader = channel.connections.front();
+    if (handed_over < unread.size() ||
+        send(reader.fd.get(), "", 0, MSG_NOSIGNAL | MSG_DONTWAIT) < 0) {
+        throw std::runtime_error("no end of file: the channel is full or was closed");
+    }
+    reader.finished = true;
 }
 
 void SimulatedModem::HangUp() {
-    Notice("modem hangs up");
+    if (events != nullptr) events->EmitText("modem hangs up");
     const std::lock_guard<std::mutex> guard(lock);
     AcceptOpeners(&channel);
-    for (const ConnectionPtr& connection : channel.connections) {
-        shutdown(connection->fd.get(), SHUT_RDWR);
+    for (Connection& connection : channel.connections) {
+        shutdown(connection.fd.get(), SHUT_RDWR);
+        connection.finished = connection.hung_up = true;
     }
-    channel.connections.clear();
-    // The thread may still poll the descriptors, which keeps them open.
     Wake();
 }
 
@@ -248,193 +244,153 @@ std::optional<ReceivedMessage> SimulatedModem::Receive(milliseconds timeout) {
     return oldest;
 }
 
-void SimulatedModem::SetAnswerPolicy(const AnswerPolicy& policy,
-                                     VelmarMessage::PayloadCase payload) {
+void SimulatedModem::SetResponsePolicy(const ResponsePolicy& policy,
+                                       VelmarMessage::PayloadCase payload) {
     const std::lock_guard<std::mutex> guard(lock);
     if (payload == VelmarMessage::PAYLOAD_NOT_SET) policies.clear();
     policies[payload] = policy;
 }
 
-std::vector<std::string> SimulatedModem::TakeThermalWrites() {
-    const std::lock_guard<std::mutex> guard(lock);
-    ReadThermalWrites();
-    return std::exchange(thermal_writes, {});
-}
-
-void SimulatedModem::AddFault(const FaultRule& rule) {
-    if (rule.times < 1 || rule.skip < 0 || rule.length < 0) {
-        throw std::runtime_error("fault: expected times above 0, skip and length not below 0");
-    }
-    const std::lock_guard<std::mutex> guard(lock);
-    for (int slot = 0; slot < velmar_phone::kMaxFaults; ++slot) {
-        velmar_phone::Fault& fault = state->faults[slot];
-        if (fault.remaining.load(std::memory_order_acquire) > 0) continue;
-        CopyText(rule.call, fault.call);
-        CopyText(rule.path, fault.path);
-        fault.error = rule.error;
-        fault.length = rule.length;
-        fault.skip.store(rule.skip, std::memory_order_relaxed);
-        fault.remaining.store(rule.times, std::memory_order_release);
-        const int in_use = state->fault_count.load(std::memory_order_relaxed);
-        state->fault_count.store(std::max(in_use, slot + 1), std::memory_order_release);
-        return;
-    }
-    throw std::runtime_error("fault: all " + std::to_string(velmar_phone::kMaxFaults) +
-                             " slots are in use");
-}
-
-void SimulatedModem::ClearFaults() {
-    const std::lock_guard<std::mutex> guard(lock);
-    for (velmar_phone::Fault& fault : state->faults) {
-        fault.remaining.store(0, std::memory_order_release);
-    }
-    state->fault_count.store(0, std::memory_order_release);
-}
-
-int SimulatedModem::FaultsLeft() const {
-    int left = 0;
-    for (const velmar_phone::Fault& fault : state->faults) {
-        left += fault.remaining.load(std::memory_order_acquire);
-    }
-    return left;
-}
-
 void SimulatedModem::Run() {
     while (true) {
-        std::vector<Opener> openers;
         std::vector<pollfd> polled = {{wake_fd.get(), POLLIN, 0},
                                       {channel.listener.get(), POLLIN, 0},
-                                      {boot.listener.get(), POLLIN, 0},
-                                      {thermal.listener.get(), POLLIN, 0}};
+                                      {boot.listener.get(), POLLIN, 0}};
         const size_t first_opener = polled.size();
-        bool reads_channel = true;
+        std::vector<std::pair<Device*, Opener>> openers;
+        int timeout = UntilNextResponse();
         {
             const std::lock_guard<std::mutex> guard(lock);
             if (stopping) return;
-            reads_channel = reading;
-            for (Device* device : {&channel, &boot, &thermal}) {
-                for (const auto& opener : device->connections) openers.push_back({device, opener});
-            }
-        }
-        for (const Opener& opener : openers) {
-            const bool is_read =
-                    opener.device == &thermal || (opener.device == &channel && reads_channel);
-            const short events = is_read ? POLLIN | POLLRDHUP : POLLRDHUP;
-            polled.push_back({opener.connection->fd.get(), events, 0});
-        }
-        poll(polled.data(), polled.size(), UntilNextAnswer());
-
-        eventfd_t wakes = 0;
-        eventfd_read(wake_fd.get(), &wakes);
-        {
-            const std::lock_guard<std::mutex> guard(lock);
             AcceptOpeners(&channel);
             AcceptOpeners(&boot);
-            ReadThermalWrites();
+            if (!DropHungUp()) timeout = kPollMilliseconds;
+            Attempt([this] { HandOverMessages(); });
+            for (Device* device : {&channel, &boot}) {
+                auto& all = device->connections;
+                for (Opener opener = all.begin(); opener != all.end(); ++opener) {
+                    if (opener->hung_up) continue;
+                    openers.emplace_back(device, opener);
+                    polled.push_back({opener->fd.get(), AwaitedEvents(device, opener), 0});
+                }
+            }
         }
+        poll(polled.data(), polled.size(), timeout);
+        eventfd_t wakes = 0;
+        eventfd_read(wake_fd.get(), &wakes);
         for (size_t i = 0; i < openers.size(); ++i) {
-            const short events = polled[first_opener + i].revents;
-            if (events == 0) continue;
-            if (openers[i].device == &channel) ReceiveFrom(openers[i].connection, events);
-            if (openers[i].device == &boot) Drop(&boot, openers[i].connection);
+            const short happened = polled[first_opener + i].revents;
+            if (happened == 0) continue;
+            const auto& [device, opener] = openers[i];
+            if (device == &boot || !ReceiveFrom(*opener, happened)) {
+                const std::lock_guard<std::mutex> guard(lock);
+                Drop(device, opener);
+            }
         }
-        SendDueAnswers();
+        SendDueResponses();
     }
 }
 
-void SimulatedModem::ReceiveFrom(const ConnectionPtr& connection, short events) {
-    const ssize_t size =
-            recv(connection->fd.get(), receive_buffer.data(), receive_buffer.size(), MSG_DONTWAIT);
-    if (size < 0 && errno == EAGAIN) return;
-    // Nothing to read after a hang-up is the end; without one it is an empty message.
-    if (size < 0 || (size == 0 && (events & (POLLRDHUP | POLLHUP)) != 0)) {
-        Drop(&channel, connection);
-        return;
+// Does what may fail on the modem's thread, which has nobody to tell but the events.
+void SimulatedModem::Attempt(const std::function<void()>& action) const {
+    try {
+        action();
+    } catch (const std::runtime_error& error) {
+        Emit({Event::Kind::kText, error.what()});
     }
+}
+
+// Called with the lock held.
+short SimulatedModem::AwaitedEvents(const Device* device, Opener opener) {
+    short awaited = POLLRDHUP;
+    if (device == &boot) return awaited;
+    if (reading) awaited |= POLLIN;
+    const bool is_next_reader = opener == channel.connections.begin() && !opener->finished;
+    if (is_next_reader && handed_over < unread.size()) awaited |= POLLOUT;
+    return awaited;
+}
+
+// Drops connections after a hang-up as soon as it is known what of their messages was read, which
+// no event tells; returns whether none is left. Called with the lock held.
+bool SimulatedModem::DropHungUp() {
+    auto& all = channel.connections;
+    for (Opener next = all.begin(); next != all.end();) {
+        const Opener opener = next++;
+        if (!opener->hung_up || !IsDrained(opener->fd.get())) continue;
+        ForgetReadMessages();
+        const bool is_all_read = handed_over == 0 || opener != all.begin();
+        if (is_all_read || ++opener->looks > kMaxLooks) Drop(&channel, opener);
+    }
+    return std::none_of(all.begin(), all.end(), [](const Connection& one) { return one.hung_up; });
+}
+
+// Takes one message of the service; returns false when it has closed the channel.
+bool SimulatedModem::ReceiveFrom(const Connection& connection, short happened) {
+    const auto receive = [&] {
+        return recv(connection.fd.get(), receive_buffer.data(), receive_buffer.size(),
+                    MSG_DONTWAIT);
+    };
+    ssize_t size = receive();
+    // Tells that the service has not read everything; what it wrote comes after that.
+    if (size < 0 && errno == ECONNRESET) size = receive();
+    if (size < 0) return errno == EAGAIN;
+    // What was written after the events were looked for is found next time.
+    if (size == 0) return (happened & (POLLRDHUP | POLLHUP)) == 0;
     ReceivedMessage message;
-    message.time = Clock::now();
     message.bytes.assign(receive_buffer, 0, static_cast<size_t>(size));
     message.decoded = message.message.ParseFromString(message.bytes);
     if (!message.decoded) message.message.Clear();
-    if (observer != nullptr) observer->OnReceived(message);
-    if (message.message.type() == velmar_message::REQUEST) PlanAnswers(message.message);
+    Event event = {Event::Kind::kReceived};
+    event.bytes = message.bytes;
+    Emit(event);
+    if (message.message.type() == velmar_message::REQUEST) PlanResponses(message.message);
     {
         const std::lock_guard<std::mutex> guard(lock);
         received.push_back(std::move(message));
     }
     changed.notify_all();
+    return true;
 }
 
-// Reads every writer to its end before the next one, which keeps the order of their writes: the
-// service opens the node for each report anew. Called with the lock held.
-void SimulatedModem::ReadThermalWrites() {
-    AcceptOpeners(&thermal);
-    auto& writers = thermal.connections;
-    const auto has_ended = [this](const ConnectionPtr& writer) { return ReadToEnd(writer); };
-    writers.erase(std::remove_if(writers.begin(), writers.end(), has_ended), writers.end());
-}
-
-// Takes what the writer has written so far; gives whether it has closed the node.
-bool SimulatedModem::ReadToEnd(const ConnectionPtr& writer) {
-    char buffer[kNodeBufferSize];
-    for (bool has_closed = false;;) {
-        const ssize_t size = recv(writer->fd.get(), buffer, sizeof(buffer), MSG_DONTWAIT);
-        if (size < 0 && errno == EAGAIN) return false;
-        if (size <= 0) {
-            // The kernel looks for a packet first and for the end afterwards, so that a writer who
-            // writes and closes in between seems to have ended with a packet still unread.
-            if (has_closed) return true;
-            has_closed = true;
-            continue;
-        }
-        thermal_writes.emplace_back(buffer, static_cast<size_t>(size));
-        Notice("velmar wrote \"" + google::protobuf::CEscape(thermal_writes.back()) + "\" to " +
-               thermal.name);
-    }
-}
-
-void SimulatedModem::PlanAnswers(const VelmarMessage& request) {
-    AnswerPolicy policy;
-    policy.answer = false;
+void SimulatedModem::PlanResponses(const VelmarMessage& request) {
+    ResponsePolicy policy;
+    policy.responds = false;
     {
         const std::lock_guard<std::mutex> guard(lock);
         auto found = policies.find(request.payload_case());
         if (found == policies.end()) found = policies.find(VelmarMessage::PAYLOAD_NOT_SET);
         if (found != policies.end()) policy = found->second;
     }
-    if (!policy.answer) return;
+    if (!policy.responds) return;
     const auto due = Clock::now() + policy.delay;
-    VelmarMessage answer;
-    answer.set_type(velmar_message::RESPONSE);
-    if (policy.result) answer.set_result(*policy.result);
+    VelmarMessage response;
+    response.set_type(velmar_message::RESPONSE);
+    if (policy.result) response.set_result(*policy.result);
     if (policy.unknown_token_first) {
-        answer.set_token(request.token() ^ kUnknownTokenBit);
-        planned_answers.emplace(due, answer.SerializeAsString());
+        response.set_token(request.token() ^ kUnknownTokenBit);
+        planned_responses.emplace(due, response.SerializeAsString());
     }
-    answer.set_token(request.token());
+    response.set_token(request.token());
     for (int i = 0; i < policy.copies; ++i) {
-        planned_answers.emplace(due, answer.SerializeAsString());
+        planned_responses.emplace(due, response.SerializeAsString());
     }
 }
 
-// Milliseconds for poll: -1 when no answer is planned.
-int SimulatedModem::UntilNextAnswer() const {
-    if (planned_answers.empty()) return -1;
+// Milliseconds for poll: -1 when no response is planned.
+int SimulatedModem::UntilNextResponse() const {
+    if (planned_responses.empty()) return -1;
     const auto left =
-            std::chrono::ceil<milliseconds>(planned_answers.begin()->first - Clock::now());
+            std::chrono::ceil<milliseconds>(planned_responses.begin()->first - Clock::now());
     return static_cast<int>(std::max<milliseconds::rep>(left.count(), 0));
 }
 
-void SimulatedModem::SendDueAnswers() {
+void SimulatedModem::SendDueResponses() {
     const auto now = Clock::now();
-    while (!planned_answers.empty() && planned_answers.begin()->first <= now) {
-        const std::string bytes = planned_answers.begin()->second;
-        planned_answers.erase(planned_answers.begin());
-        try {
-            Transmit(OpenChannel(), bytes);
-        } catch (const std::runtime_error& error) {
-            Notice(std::string("answer: ") + error.what());
-        }
+    while (!planned_responses.empty() && planned_responses.begin()->first <= now) {
+        const std::string bytes = planned_responses.begin()->second;
+        planned_responses.erase(planned_responses.begin());
+        const std::lock_guard<std::mutex> guard(lock);
+        Attempt([&] { Enqueue(bytes); });
     }
 }
 

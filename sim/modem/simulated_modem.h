@@ -3,23 +3,21 @@
 #include <chrono>
 #include <condition_variable>
 #include <deque>
+#include <functional>
+#include <list>
 #include <map>
-#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "android-base/unique_fd.h"
 
 #include "proto/velmar_message.pb.h"
+#include "sim/modem/event.h"
 #include "sim/modem/phone_folder.h"
-#include "sim/phone/phone_state.h"
 
 namespace velmar_sim {
-
-using Clock = std::chrono::steady_clock;
 
 // The largest message that the phone receives whole, in bytes.
 constexpr size_t kMaxMessageForPhone = 65568;
@@ -30,57 +28,38 @@ struct ReceivedMessage {
     std::string bytes;
     // Whether `bytes` are a VelmarMessage; otherwise `message` is empty.
     bool decoded = false;
-    // When the modem took it from the channel.
-    Clock::time_point time;
 };
 
-// How the modem answers requests of the service by itself.
-struct AnswerPolicy {
-    // A service that sends a request first and prepares for its answer afterwards misses an answer
-    // that comes at once; a modem never is that quick.
+// How the modem responds to requests of the service by itself.
+struct ResponsePolicy {
+    // A service that sends a request first and prepares for its response afterwards misses a
+    // response that comes at once; a modem never is that quick.
     static constexpr std::chrono::milliseconds kUsualDelay{50};
 
-    bool answer = true;
-    // Outcome in the answer; nothing leaves the field out.
+    bool responds = true;
+    // Outcome in the response; nothing leaves the field out.
     std::optional<velmar_message::VelmarResult> result = velmar_message::SUCCESS;
     std::chrono::milliseconds delay = kUsualDelay;
-    // How many times the same answer is sent.
+    // How many times the same response is sent.
     int copies = 1;
-    // Sends an answer with a token that nobody uses before the right one.
+    // Sends a response with a token that nobody uses before the right one.
     bool unknown_token_first = false;
 };
 
-// A libc call of the service that is made to fail or to come out short: see velmar_phone::Fault.
-struct FaultRule {
-    std::string call;
-    std::string path;
-    int error = 0;
-    int length = 0;
-    int times = 1;
-    int skip = 0;
-};
-
-// Sees what the modem does, as it does it. Called on the modem's thread and on the threads that
-// call the modem, so an observer guards what it keeps. It must not call the modem.
-class ModemObserver {
-  public:
-    virtual ~ModemObserver() = default;
-    // Before `bytes` go to the service.
-    virtual void OnSent(const std::string& bytes) = 0;
-    // Before the message can be taken by Receive.
-    virtual void OnReceived(const ReceivedMessage& message) = 0;
-    // Anything else worth a line: connections, states, answers that could not be sent.
-    virtual void OnEvent(const std::string& text) = 0;
-};
-
-// The modem's side of both devices of a simulated phone, and the thermal driver that the modem's
-// readings are meant for. It exists before the service starts.
+// The modem's side of the channel and of the boot device of a simulated phone. It exists before the
+// service starts.
+//
+// What the modem sends belongs to the channel, not to one of those who have it open: it goes to the
+// one who opened the channel first, waits while nobody has it open, and what somebody has not read
+// before closing the channel goes to the next one. A message that is read in the moment in which
+// its reader is killed may come a second time.
+//
 // Operations may be called from any thread; those that fail throw std::runtime_error with a text
 // that says what could not be done and why.
 class SimulatedModem {
   public:
-    // Begins to serve the devices of `folder`. `observer` may be null and must outlive the modem.
-    explicit SimulatedModem(const PhoneFolder& folder, ModemObserver* observer = nullptr);
+    // Begins to serve the devices of `folder`. `events` is borrowed and may be null.
+    explicit SimulatedModem(const PhoneFolder& folder, EventStream* events = nullptr);
     ~SimulatedModem();
     SimulatedModem(const SimulatedModem&) = delete;
     SimulatedModem& operator=(const SimulatedModem&) = delete;
@@ -92,15 +71,16 @@ class SimulatedModem {
     // Waits until the service has opened the channel; false when it has not after `timeout`.
     bool WaitForChannel(std::chrono::milliseconds timeout);
 
-    // Sends one message to the newest opener of the channel. Fails when nobody has it open, when
-    // the message is larger than the channel holds, and when the channel stays full for 5 s.
+    // Sends one message. Fails when the message is larger than the channel holds, and when the
+    // channel has been full for 5 s; the message then waits in it all the same.
     void Send(const velmar_message::VelmarMessage& message);
 
     // The same with any bytes, at least one.
     void SendBytes(const std::string& bytes);
 
-    // Makes one read of the service come out as end of file. The connection counts as finished:
-    // the next message needs, and WaitForChannel awaits, a service that opened the channel again.
+    // Makes one read of the service come out as end of file, once it has read all messages. Fails
+    // when nobody has the channel open, and when the channel is full. The connection counts as
+    // finished: WaitForChannel awaits a service that has opened the channel again.
     void SendEndOfFile();
 
     // Closes the channel from the modem's side.
@@ -112,81 +92,66 @@ class SimulatedModem {
     // The oldest message that was not taken yet; nothing when none comes within `timeout`.
     std::optional<ReceivedMessage> Receive(std::chrono::milliseconds timeout);
 
-    // Sets how requests with this payload are answered from now on; PAYLOAD_NOT_SET sets it for
-    // every payload. Without any policy no request is answered.
-    void SetAnswerPolicy(const AnswerPolicy& policy,
-                         velmar_message::VelmarMessage::PayloadCase payload =
-                                 velmar_message::VelmarMessage::PAYLOAD_NOT_SET);
-
-    // Takes what was written to the thermal node and not taken before, each write by itself, oldest
-    // first. A write that has returned is among it.
-    std::vector<std::string> TakeThermalWrites();
-
-    // Makes calls of the phone's programs fail. At most velmar_phone::kMaxFaults at a time.
-    void AddFault(const FaultRule& rule);
-    void ClearFaults();
-
-    // How many calls the faults have still to hit.
-    int FaultsLeft() const;
+    // Sets how the modem responds to requests with this payload from now on; PAYLOAD_NOT_SET sets
+    // it for every payload. Without any policy it does not respond.
+    void SetResponsePolicy(const ResponsePolicy& policy,
+                           velmar_message::VelmarMessage::PayloadCase payload =
+                                   velmar_message::VelmarMessage::PAYLOAD_NOT_SET);
 
   private:
     struct Connection {
-        explicit Connection(int descriptor) : fd(descriptor) {}
         android::base::unique_fd fd;
-        // An end of file was sent over it.
+        // An end of file was sent over it, or the modem has hung up.
         bool finished = false;
+        bool hung_up = false;
+        int looks = 0;
     };
-    using ConnectionPtr = std::shared_ptr<Connection>;
 
-    // One device: the socket that waits for openers, and those who have it open, oldest first.
+    // One device: the socket that waits for openers, and those who have it open, oldest first. Only
+    // the modem's thread drops one.
     struct Device {
-        android::base::unique_fd listener;
-        std::vector<ConnectionPtr> connections;
         std::string name;
+        android::base::unique_fd listener;
+        std::list<Connection> connections;
     };
-
-    struct Opener {
-        Device* device;
-        ConnectionPtr connection;
-    };
-
-    struct StateUnmapper {
-        void operator()(velmar_phone::PhoneState* mapped) const;
-    };
-
-    static Device Listen(const PhoneFolder& folder, const char* path);
+    using Opener = std::list<Connection>::iterator;
 
     void Run();
+    void Attempt(const std::function<void()>& action) const;
+    short AwaitedEvents(const Device* device, Opener opener);
     void Wake() const;
-    void Notice(const std::string& text) const;
+    void Emit(const Event& event) const;
     void AcceptOpeners(Device* device);
-    void Drop(Device* device, const ConnectionPtr& connection);
-    void ReceiveFrom(const ConnectionPtr& connection, short events);
-    void ReadThermalWrites();
-    bool ReadToEnd(const ConnectionPtr& writer);
-    void PlanAnswers(const velmar_message::VelmarMessage& request);
-    void SendDueAnswers();
-    int UntilNextAnswer() const;
-    ConnectionPtr NewestOpen();
-    ConnectionPtr OpenChannel();
-    void Transmit(const ConnectionPtr& connection, const std::string& bytes) const;
+    void Drop(Device* device, Opener connection);
+    bool DropHungUp();
+    bool HasOpener();
+    void Enqueue(const std::string& bytes);
+    void ForgetReadMessages();
+    void HandOverMessages();
+    bool ReceiveFrom(const Connection& connection, short happened);
+    void PlanResponses(const velmar_message::VelmarMessage& request);
+    void SendDueResponses();
+    int UntilNextResponse() const;
 
-    ModemObserver* const observer;
-    std::unique_ptr<velmar_phone::PhoneState, StateUnmapper> state;
-    android::base::unique_fd wake_fd;
+    EventStream* const events;
+    const StatePtr state;
+    const android::base::unique_fd wake_fd;
     // Of the modem's thread alone.
     std::string receive_buffer;
-    std::multimap<Clock::time_point, std::string> planned_answers;
+    std::multimap<Clock::time_point, std::string> planned_responses;
 
     // Guards what stands below it.
     std::mutex lock;
     std::condition_variable changed;
     Device channel;
     Device boot;
-    Device thermal;
-    std::vector<std::string> thermal_writes;
+    // What was sent and not read yet, oldest first. So many of them are in the socket of the
+    // channel's first connection; the phone counts those that were read.
+    std::deque<std::string> unread;
+    size_t handed_over = 0;
+    uint32_t reads_seen = 0;
     std::deque<ReceivedMessage> received;
-    std::map<int, AnswerPolicy> policies;
+    std::map<int, ResponsePolicy> policies;
     bool reading = true;
     bool stopping = false;
 

@@ -115,6 +115,15 @@ ssize_t WriteTo(Device* device, int fd, const iovec* parts, int count) {
     return WriteDevice(device, fd, parts, count);
 }
 
+// Tells the modem that a message was read.
+ssize_t AfterRead(int fd, ssize_t size) {
+    const Device* device = size > 0 ? FindDevice(fd) : nullptr;
+    if (device != nullptr && device->path.View() == kChannelDevice) {
+        device->phone->state->channel_reads.fetch_add(1, std::memory_order_release);
+    }
+    return size;
+}
+
 int AfterCopy(int fd, int copy) {
     CopyDeviceMark(fd, copy);
     return copy;
@@ -132,9 +141,17 @@ int AfterCopy(int fd, int copy) {
         TRANSFER(arity, symbol, call)      \
     }
 
-TRANSFER_CALL(3, read, "read")
-TRANSFER_CALL(3, __read, "read")
-TRANSFER_CALL(4, __read_chk, "read")
+#define READ_CALL(arity, symbol)                         \
+    VELMAR_ENTRY(arity, symbol) {                        \
+        TransferLimit limit("read", a);                  \
+        if (limit.Ends()) return limit.Result();         \
+        limit.Shorten(&b, &c);                           \
+        return AfterRead(a, VELMAR_NEXT(arity, symbol)); \
+    }
+
+READ_CALL(3, read)
+READ_CALL(3, __read)
+READ_CALL(4, __read_chk)
 TRANSFER_CALL(4, pread, "read")
 TRANSFER_CALL(4, pread64, "read")
 TRANSFER_CALL(4, __pread64, "read")

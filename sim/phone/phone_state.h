@@ -51,6 +51,9 @@ struct PhoneState {
     std::atomic<int32_t> boot_state;
     // Number of slots in use from the start; 0 lets every call pass untested.
     std::atomic<int32_t> fault_count;
+    // Messages that the phone's processes have read from the channel; wraps around. Counted after
+    // each read of at least one byte (release).
+    std::atomic<uint32_t> channel_reads;
     Fault faults[kMaxFaults];
 };
 

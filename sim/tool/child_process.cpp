@@ -83,6 +83,9 @@ std::vector<std::string> Environment(const std::vector<std::string>& variables) 
 // In the new process, between fork and exec: system calls only. Gives the error of exec.
 int BecomeProgram(const Launch& launch, char* const* arguments, char* const* environment,
                   pid_t parent, int output, int errors) {
+    // With what it starts it is a group of its own, which can be killed as a whole, and which the
+    // terminal's signals do not reach.
+    setpgid(0, 0);
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     // A parent that ended before that line will not be noticed by it.
     if (getppid() != parent) _exit(kCannotRun);
@@ -148,7 +151,11 @@ ChildProcess::~ChildProcess() {
 }
 
 bool ChildProcess::IsRunning() {
-    if (running && waitpid(pid, &status, WNOHANG) == pid) ReadToEnd();
+    siginfo_t info = {};
+    if (running && waitid(P_PID, pid, &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+        info.si_pid == pid) {
+        Kill();
+    }
     return running;
 }
 
@@ -165,15 +172,11 @@ void ChildProcess::Signal(int number) const {
 
 void ChildProcess::Kill() {
     if (!running) return;
-    kill(pid, SIGKILL);
-    waitpid(pid, &status, 0);
-    ReadToEnd();
-}
-
-void ChildProcess::ReadToEnd() {
     running = false;
-    // What is queued is still read, but a program that this one started and that outlives it with
-    // the same outputs is not waited for.
+    // A program that has ended keeps the group's number until it is waited for.
+    kill(-pid, SIGKILL);
+    waitpid(pid, &status, 0);
+    // What is queued is still read, but not what somebody else writes who has the same outputs.
     for (const unique_fd& output : outputs) shutdown(output.get(), SHUT_RD);
     for (std::thread& reader : readers) reader.join();
 }

@@ -22,8 +22,10 @@ struct Launch {
     mode_t umask = 0077;
 };
 
-// A program that runs beside this one and dies with it. Operations belong to the thread that
-// started it, which must be the main thread: the kernel ends the program when that thread ends.
+// A program that runs beside this one and dies with it, and with which dies what it has started.
+// When this program is killed its own programs die, but not what those have started. Operations
+// belong to the thread that started it, which must be the main thread: the kernel ends the program
+// when that thread ends.
 class ChildProcess {
   public:
     // Gets the bytes of one write of the program; the empty string at the end. Called on a thread
@@ -40,7 +42,8 @@ class ChildProcess {
 
     pid_t id() const { return pid; }
 
-    // Whether the program has not ended yet. After its end all that it wrote has been read.
+    // Whether the program has not ended yet. After its end all that it wrote has been read, and
+    // what it had started is killed.
     bool IsRunning();
 
     // How it ended, as wait gives it. Only after the end.
@@ -60,7 +63,6 @@ class ChildProcess {
 
   private:
     void StartReader(android::base::unique_fd output, OutputReader reader);
-    void ReadToEnd();
 
     pid_t pid = -1;
     int status = 0;

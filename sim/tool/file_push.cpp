@@ -15,6 +15,7 @@
 #include "sim/modem/errors.h"
 #include "sim/modem/simulated_modem.h"
 #include "sim/tool/differences.h"
+#include "sim/tool/message_text.h"
 
 namespace velmar_sim {
 
@@ -23,8 +24,9 @@ namespace {
 using velmar_message::VelmarMessage;
 
 constexpr char kStoredMode[] = "0666";
+// How much of the stored file is compared at a time.
+constexpr uint64_t kComparedBytes = 1 << 16;
 constexpr uint64_t kMaxFileSize = std::numeric_limits<uint32_t>::max();
-#include <system_error>
 
 // Size in bytes of what is pushed; throws std::filesystem::filesystem_error when there is no such
 // file.
@@ -157,21 +159,20 @@ bool FilePush::Next() {
     offset = done();
     chunk_bytes.resize(BytesInChunk(what, total, index));
     read_source(&chunk_bytes);
-    hash.Add(chunk_bytes);
     FillChunk(what, total, index, chunk_bytes, &chunk);
     return true;
 }
 
-std::optional<VelmarMessage> FilePush::Answer() const {
+std::optional<VelmarMessage> FilePush::ExpectedResponse() const {
     if (!IsRequest(what, index)) return std::nullopt;
-    VelmarMessage answer;
-    answer.set_type(velmar_message::RESPONSE);
-    answer.set_message_id(VelmarMessage::kFileMessage);
-    answer.set_token(chunk.token());
-    answer.set_result(velmar_message::SUCCESS);
-    answer.mutable_file_message()->mutable_file_write_response()->set_file_result(
+    VelmarMessage response;
+    response.set_type(velmar_message::RESPONSE);
+    response.set_message_id(VelmarMessage::kFileMessage);
+    response.set_token(chunk.token());
+    response.set_result(velmar_message::SUCCESS);
+    response.mutable_file_message()->mutable_file_write_response()->set_file_result(
             velmar_message::FILE_RESULT_DEFAULT);
-    return answer;
+    return response;
 }
 
 std::string FilePush::ChunkName() const {
@@ -183,7 +184,7 @@ uint64_t FilePush::chunk_count() const {
     return ChunkCount(what, total);
 }
 
-std::string FilePush::StoredDifference() {
+std::string FilePush::StoredDifference() const {
     FileState unfinished;
     unfinished.set_path(std::string(kUnfinishedFiles) + "/" + what.file_name());
     unfinished.set_missing(true);
@@ -208,10 +209,28 @@ std::string FilePush::StoredDifference() {
         return target_path + " has another size" +
                ExpectedActual(std::to_string(total), std::to_string(now.st_size));
     }
-    if (sent_hash.empty()) sent_hash = hash.Finish();
-    const std::string stored_hash = Sha256OfFile(host_path);
-    if (stored_hash == sent_hash) return "";
-    return target_path + " has another SHA-256" + ExpectedActual(sent_hash, stored_hash);
+    return ContentDifference();
+}
+
+// What is wrong with the bytes of the stored file, which has the right size.
+std::string FilePush::ContentDifference() const {
+    std::ifstream stored(phone.HostPath(target_path), std::ios::binary);
+    const ByteSource read_expected = OpenSource(what);
+    for (uint64_t at = 0; at < total; at += kComparedBytes) {
+        std::string expected(std::min(kComparedBytes, total - at), '\0');
+        std::string actual = expected;
+        read_expected(&expected);
+        if (!stored.read(actual.data(), static_cast<std::streamsize>(actual.size()))) {
+            return target_path + " cannot be read from byte " + std::to_string(at) + " on";
+        }
+        if (expected == actual) continue;
+        const auto first = std::mismatch(expected.begin(), expected.end(), actual.begin());
+        return target_path + " differs from byte " +
+               std::to_string(at + static_cast<uint64_t>(first.first - expected.begin())) + " on" +
+               ExpectedActual(HexBytes(std::string(first.first, expected.end())),
+                              HexBytes(std::string(first.second, actual.end())));
+    }
+    return "";
 }
 
 }  // namespace velmar_sim

@@ -12,7 +12,6 @@
 #include "proto/velmar_message.pb.h"
 #include "sim/modem/phone_folder.h"
 #include "sim/tool/scenario.pb.h"
-#include "sim/tool/sha256.h"
 
 namespace velmar_sim {
 
@@ -20,8 +19,9 @@ namespace velmar_sim {
 // does. Looks at its source. Any thread.
 std::string PushFault(const Push& push);
 
-// A file on its way from the modem to the phone. Its bytes are made or read, hashed and forgotten
-// chunk by chunk. One thread.
+// A file on its way from the modem to the phone. Its bytes are made or read, and forgotten, chunk
+// by chunk; those of the stored file are compared with the same bytes, made or read again. One
+// thread.
 class FilePush {
   public:
     // `push`, which has no fault, and `folder` are borrowed. Throws std::runtime_error when the
@@ -35,14 +35,14 @@ class FilePush {
     // The message that carries the chunk made last.
     const velmar_message::VelmarMessage& message() const { return chunk; }
 
-    // The answer to it; nothing for an indication.
-    std::optional<velmar_message::VelmarMessage> Answer() const;
+    // The response to it; nothing for an indication.
+    std::optional<velmar_message::VelmarMessage> ExpectedResponse() const;
 
     // "chunk 3 of 70 at offset 120000".
     std::string ChunkName() const;
 
     // What is wrong with the stored file, once all chunks are sent; empty when nothing is.
-    std::string StoredDifference();
+    std::string StoredDifference() const;
 
     // Path of the stored file on the phone.
     const std::string& target() const { return target_path; }
@@ -56,6 +56,7 @@ class FilePush {
     using ByteSource = std::function<void(std::string*)>;
 
     static ByteSource OpenSource(const Push& push);
+    std::string ContentDifference() const;
 
     const Push& what;
     const PhoneFolder& phone;
@@ -68,9 +69,6 @@ class FilePush {
     uint64_t offset = 0;
     std::string chunk_bytes;
     velmar_message::VelmarMessage chunk;
-    Sha256 hash;
-    // Of all that was sent, once it is needed.
-    std::string sent_hash;
 };
 
 }  // namespace velmar_sim

@@ -17,7 +17,7 @@ const std::regex& LogHeader() {
 
 }  // namespace
 
-std::vector<LogLine> LogCutter::Cut(const std::string& written) {
+std::vector<LogLine> LogLineParser::Parse(const std::string& written) {
     std::smatch match;
     if (std::regex_search(written, match, LogHeader(), std::regex_constants::match_continuous)) {
         std::string text = match.suffix();
@@ -36,7 +36,7 @@ std::vector<LogLine> LogCutter::Cut(const std::string& written) {
     return lines;
 }
 
-std::vector<LogLine> LogCutter::Finish() {
+std::vector<LogLine> LogLineParser::Finish() {
     if (unfinished.empty()) return {};
     return {{' ', tag, std::move(unfinished)}};
 }

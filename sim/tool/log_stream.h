@@ -22,15 +22,15 @@ struct LogLine {
     std::string text;
 };
 
-// Cuts what one program writes into log lines. One thread.
-class LogCutter {
+// Finds the log lines in what one program writes. One thread.
+class LogLineParser {
   public:
     // `plain_tag` is the tag of lines that do not come from the log.
-    explicit LogCutter(std::string plain_tag) : tag(std::move(plain_tag)) {}
+    explicit LogLineParser(std::string plain_tag) : tag(std::move(plain_tag)) {}
 
     // The lines that end in `written`, the bytes of one write of the program. The log writes each
     // of its lines at once, so a line feed inside a line of the log is part of its text.
-    std::vector<LogLine> Cut(const std::string& written);
+    std::vector<LogLine> Parse(const std::string& written);
 
     // What is left at the end: a last line without its line feed.
     std::vector<LogLine> Finish();

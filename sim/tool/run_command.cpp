@@ -5,9 +5,14 @@
 #include <exception>
 #include <filesystem>
 #include <iostream>
+#include <memory>
+#include <string>
+#include <vector>
 
+#include "sim/tool/interruption.h"
 #include "sim/tool/log_stream.h"
-#include "sim/tool/simulated_phone.h"
+#include "sim/tool/scenario_reader.h"
+#include "sim/tool/simulation.h"
 #include "sim/tool/step_player.h"
 #include "sim/tool/transcript.h"
 
@@ -30,97 +35,113 @@ constexpr char kFooter[] =
         "\n"
         "Exit status: 0 all scenarios passed, 1 one failed, 2 bad usage or a bad scenario.";
 
-std::string VelmarBesideThisProgram() {
-    return std::filesystem::read_symlink("/proc/self/exe").parent_path() / "velmar";
+struct Options {
+    std::vector<std::string> paths;
+    std::string velmar = std::filesystem::read_symlink("/proc/self/exe").parent_path() / "velmar";
+    bool keep = false;
+    bool quiet = false;
+    double time_factor = 1;
+};
+
+// Whether step `current`, or a later one, awaits the end of the service that was started last.
+bool IsEndAwaited(const Scenario& scenario, int current) {
+    for (int i = current; i < scenario.step_size(); ++i) {
+        if (scenario.step(i).has_exit()) return true;
+        if (scenario.step(i).has_restart()) return false;
+    }
+    return false;
 }
 
-std::string FailureText(const ScenarioFile& file, int step_number, const std::string& reason,
+// The text for a failed step with the last lines of the log.
+std::string FailureText(const std::string& place, const std::string& reason,
                         const std::vector<LogLine>& last_lines) {
-    const auto step = static_cast<size_t>(step_number);
-    std::string text = file.path + ":";
-    if (step < file.step_lines.size()) text += std::to_string(file.step_lines[step]) + ":";
-    text += " " + reason + "\n";
+    std::string text = place + " " + reason + "\n";
     if (!last_lines.empty()) text += "  last log lines:\n";
     for (const LogLine& line : last_lines) text += "    " + DescribeLogLine(line) + "\n";
     return text;
 }
 
-}  // namespace
-
-RunCommand::RunCommand(CLI::App* app)
-    : subcommand(app->add_subcommand("run", "Plays scenarios, each on a fresh simulated phone")),
-      velmar(VelmarBesideThisProgram()) {
-    subcommand->add_option("SCENARIO", paths, "Scenario files, played one after the other")
-            ->required()
-            ->check(CLI::ExistingFile);
-    subcommand->add_option("--velmar", velmar, "The service's executable")->capture_default_str();
-    subcommand->add_flag("--keep", keep, "Keep each phone's folder, and name it");
-    subcommand->add_flag("--quiet", quiet, "Show the verdicts only");
-    subcommand
-            ->add_option("--time-factor", time_factor,
-                         "What has to come may take so many times as long as its scenario says")
-            ->envname("VELMAR_SIM_TIME_FACTOR")
-            ->check(CLI::Range(0.01, 1000.0))
-            ->capture_default_str();
-    subcommand->footer(kFooter);
+// Plays the scenario; returns what to say about its failure, nothing when it passed.
+std::string FindFailure(const ScenarioFile& file, const Options& options) {
+    const Scenario& scenario = file.scenario;
+    Transcript transcript;
+    EventStream events;
+    if (!options.quiet) events.Attach(&transcript);
+    events.Emit({Event::Kind::kHeading, file.path + ": " + scenario.description()});
+    std::string place = file.path + ":";
+    try {
+        PhoneFolder folder = options.keep ? PhoneFolder(MakeFolder("kept")) : PhoneFolder();
+        if (options.keep) std::cout << "folder " << folder.root() << std::endl;
+        Simulation simulation(scenario.phone(), options.velmar, std::move(folder), &events);
+        StepPlayer player(scenario.phone(), options.time_factor, &simulation, &events);
+        try {
+            player.Start();
+            for (int i = 0; i < scenario.step_size(); ++i) {
+                place = file.path + ":" + std::to_string(file.step_lines[i]) + ":";
+                player.Play(scenario.step(i), IsEndAwaited(scenario, i));
+            }
+            place = file.path + ":";
+            player.Finish();
+        } catch (const std::exception& error) {
+            player.EndService();
+            return FailureText(place, error.what(), simulation.log().Last(kShownLogLines));
+        }
+    } catch (const std::exception& error) {
+        return place + " " + error.what() + "\n";
+    }
+    return "";
 }
 
-int RunCommand::Execute() {
-    if (access(velmar.c_str(), X_OK) != 0) {
-        std::cerr << "--velmar: expected an executable, found " + velmar + "\n";
+int Run(const Options& options) {
+    if (access(options.velmar.c_str(), X_OK) != 0) {
+        std::cerr << "--velmar: expected an executable, found " + options.velmar + "\n";
         return kBadInput;
     }
     std::vector<ScenarioFile> files;
     try {
-        for (const std::string& path : paths) files.push_back(ReadScenario(path));
+        for (const std::string& path : options.paths) files.push_back(ReadScenario(path));
     } catch (const BadScenario& error) {
         std::cerr << std::string(error.what()) + "\n";
         return kBadInput;
     }
     size_t failed = 0;
+    int steps = 0;
     for (const ScenarioFile& file : files) {
-        if (!PlayScenario(file)) ++failed;
+        const std::string failure = FindFailure(file, options);
+        // In one piece, since other output may come between pieces.
+        std::cerr << failure;
+        std::cout << (failure.empty() ? "PASS " : "FAIL ") << file.path << std::endl;
+        if (!failure.empty()) ++failed;
+        steps += file.scenario.step_size();
+        if (NotedSignal() != 0) break;
     }
     if (failed > 0) {
         std::cout << "FAILED: " << failed << " of " << files.size() << " scenarios" << std::endl;
         return kFailed;
     }
-    std::cout << "PASSED: " << files.size() << " scenarios, " << steps_played << " steps"
-              << std::endl;
+    std::cout << "PASSED: " << files.size() << " scenarios, " << steps << " steps" << std::endl;
     return kPassed;
 }
 
-bool RunCommand::PlayScenario(const ScenarioFile& file) {
-    const std::string failure = FindFailure(file);
-    if (failure.empty()) {
-        steps_played += file.scenario.step_size();
-        std::cout << "PASS " << file.path << std::endl;
-        return true;
-    }
-    // In one piece, since other output may come between pieces.
-    std::cerr << failure;
-    std::cout << "FAIL " << file.path << std::endl;
-    return false;
-}
+}  // namespace
 
-// Plays the scenario; gives what to say about its failure, nothing when it passed.
-std::string RunCommand::FindFailure(const ScenarioFile& file) const {
-    Transcript transcript(quiet);
-    transcript.Say(file.path + ": " + file.scenario.description());
-    try {
-        SimulatedPhone phone(file.scenario.phone(), velmar, keep, &transcript);
-        if (keep) std::cout << "folder " << phone.folder().root() << std::endl;
-        StepPlayer player(file.scenario, time_factor, &phone, &transcript);
-        try {
-            player.Play();
-        } catch (const std::exception& error) {
-            return FailureText(file, player.step_number(), error.what(),
-                               phone.log().Last(kShownLogLines));
-        }
-    } catch (const std::exception& error) {
-        return file.path + ": " + error.what() + "\n";
-    }
-    return "";
+void AddRunCommand(CLI::App* app, int* status) {
+    CLI::App* run = app->add_subcommand("run", "Plays scenarios, each on a fresh simulated phone");
+    // The command lives as long as its callback.
+    const auto options = std::make_shared<Options>();
+    run->add_option("SCENARIO", options->paths, "Scenario files, played one after the other")
+            ->required()
+            ->check(CLI::ExistingFile);
+    run->add_option("--velmar", options->velmar, "The service's executable")->capture_default_str();
+    run->add_flag("--keep", options->keep, "Keep each phone's folder, and name it");
+    run->add_flag("--quiet", options->quiet, "Show the verdicts only");
+    run->add_option("--time-factor", options->time_factor,
+                    "What has to come may take so many times as long as its scenario says")
+            ->envname("VELMAR_SIM_TIME_FACTOR")
+            ->check(CLI::Range(0.01, 1000.0))
+            ->capture_default_str();
+    run->footer(kFooter);
+    run->callback([options, status] { *status = Run(*options); });
 }
 
 }  // namespace velmar_sim

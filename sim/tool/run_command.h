@@ -1,34 +1,17 @@
 #pragma once
 
-#include <string>
-#include <vector>
-
 #include "CLI/CLI.hpp"
-
-#include "sim/tool/command.h"
-#include "sim/tool/scenario_reader.h"
 
 namespace velmar_sim {
 
-// "velmar_sim run": plays scenarios one after the other, each on a phone of its own.
-class RunCommand : public Command {
-  public:
-    explicit RunCommand(CLI::App* app);
+// Exit statuses of velmar_sim.
+constexpr int kPassed = 0;
+constexpr int kFailed = 1;
+constexpr int kBadInput = 2;
 
-    bool IsChosen() const override { return subcommand->parsed(); }
-    int Execute() override;
-
-  private:
-    bool PlayScenario(const ScenarioFile& file);
-    std::string FindFailure(const ScenarioFile& file) const;
-
-    CLI::App* subcommand;
-    std::vector<std::string> paths;
-    std::string velmar;
-    bool keep = false;
-    bool quiet = false;
-    double time_factor = 1;
-    int steps_played = 0;
-};
+// Adds "velmar_sim run", which plays scenarios one after the other, each on a phone of its own.
+// When the command line names it, parsing executes it and puts the exit status into `status`. Main
+// thread.
+void AddRunCommand(CLI::App* app, int* status);
 
 }  // namespace velmar_sim

@@ -75,15 +75,16 @@ std::string PatternFault(const std::string& pattern) {
 
 std::string FaultOf(const Property& property) {
     return FirstOf({Unless(!property.name().empty(), "expected a property's name"),
-                    Unless(property.value().size() <= PhoneFolder::kMaxPropertyValue,
-                           "expected a value of at most 91 bytes")});
+                    Unless(PhoneFolder::IsPropertyValue(property.name(), property.value()),
+                           "expected a value of at most 91 bytes, or a name that begins with "
+                           "\"ro.\"")});
 }
 
 std::string FaultOf(const File& file) {
     return FirstOf({PathFault(file.path()), ModeFault(file.mode())});
 }
 
-std::string FaultOf(const Answer& answer) {
+std::string FaultOf(const ModemResponse& answer) {
     if (!answer.has_payload()) return "";
     const auto* field = VelmarMessage::descriptor()->FindFieldByName(answer.payload());
     return Expected(field != nullptr && field->containing_oneof() != nullptr,
@@ -128,7 +129,7 @@ std::string FaultOf(const Fault& fault) {
 }
 
 std::string FaultOf(const Radio& radio) {
-    for (const RadioAnswer& answer : radio.answer()) {
+    for (const RadioResponse& answer : radio.answer()) {
         const bool says_how =
                 answer.has_error() || answer.early() || answer.twice() || answer.has_delay_ms();
         if (answer.none() && says_how) return "expected nothing beside none in an answer";

@@ -18,13 +18,13 @@ using std::chrono::milliseconds;
 constexpr char kUnfinishedBehaviour[] = "/unfinished_radio";
 constexpr char kSendCall[] = "RILC_Send";
 // Between two looks at the list of calls.
-constexpr milliseconds kLookAgain{2};
+constexpr milliseconds kPollInterval{2};
 constexpr int kHexBase = 16;
 
 constexpr unsigned int kGnssEntryRequest = 226;
 constexpr size_t kGnssEntrySize = 10;
 
-std::string AnswerLine(const RadioAnswer& answer) {
+std::string AnswerLine(const RadioResponse& answer) {
     if (answer.none()) return "answer none\n";
     std::string line = "answer " + std::to_string(answer.error());
     if (answer.early()) line += " early";
@@ -71,7 +71,7 @@ std::string DescribeRadioRequest(const RadioRequest& request) {
 
 void SimulatedRadio::Behave(const Radio& radio) const {
     std::string text = radio.no_client() ? "open null\n" : "";
-    for (const RadioAnswer& answer : radio.answer()) text += AnswerLine(answer);
+    for (const RadioResponse& answer : radio.answer()) text += AnswerLine(answer);
     folder.WriteFile(kUnfinishedBehaviour, text);
     std::filesystem::rename(folder.HostPath(kUnfinishedBehaviour),
                             folder.HostPath(velmar_radio::kBehaviourFile));
@@ -82,13 +82,16 @@ void SimulatedRadio::OnCall(const std::string& line) {
     long long time_ms = 0;
     std::string name;
     words >> time_ms >> name;
-    const Clock::time_point time{milliseconds(time_ms)};
-    if (name != kSendCall) return show->OnRadioCall(time, line.substr(line.find(name)));
-    RadioRequest request;
-    request.set_request(static_cast<uint32_t>(std::stoul(ValueOf(line, "request"))));
-    request.set_data(FromHex(ValueOf(line, "data")));
-    show->OnRadioCall(time, DescribeRadioRequest(request));
-    requests.push_back(request);
+    Event event = {Event::Kind::kRadio, line.substr(line.find(name))};
+    event.time = Clock::time_point(milliseconds(time_ms));
+    if (name == kSendCall) {
+        RadioRequest request;
+        request.set_request(static_cast<uint32_t>(std::stoul(ValueOf(line, "request"))));
+        request.set_data(FromHex(ValueOf(line, "data")));
+        requests.push_back(request);
+        event.text = DescribeRadioRequest(request);
+    }
+    events->Emit(event);
 }
 
 void SimulatedRadio::Look() {
@@ -104,7 +107,7 @@ std::optional<RadioRequest> SimulatedRadio::Receive(milliseconds timeout) {
     const auto deadline = Clock::now() + timeout;
     for (Look(); requests.empty(); Look()) {
         if (Clock::now() >= deadline) return std::nullopt;
-        std::this_thread::sleep_for(kLookAgain);
+        std::this_thread::sleep_for(kPollInterval);
     }
     RadioRequest request = requests.front();
     requests.pop_front();

@@ -5,9 +5,9 @@
 #include <optional>
 #include <string>
 
+#include "sim/modem/event.h"
 #include "sim/modem/phone_folder.h"
 #include "sim/tool/scenario.pb.h"
-#include "sim/tool/transcript.h"
 
 namespace velmar_sim {
 
@@ -20,8 +20,8 @@ std::string DescribeRadioRequest(const RadioRequest& request);
 class SimulatedRadio {
   public:
     // Both arguments are borrowed.
-    SimulatedRadio(const PhoneFolder& phone_folder, Transcript* transcript)
-        : folder(phone_folder), show(transcript) {}
+    SimulatedRadio(const PhoneFolder& phone_folder, EventStream* event_stream)
+        : folder(phone_folder), events(event_stream) {}
 
     // How the radio behaves from now on.
     void Behave(const Radio& radio) const;
@@ -40,7 +40,7 @@ class SimulatedRadio {
     void OnCall(const std::string& line);
 
     const PhoneFolder& folder;
-    Transcript* const show;
+    EventStream* const events;
     std::deque<RadioRequest> requests;
     // How much of the list of calls has been looked at.
     std::streamoff position = 0;

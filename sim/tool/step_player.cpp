@@ -9,7 +9,11 @@
 #include <utility>
 #include <vector>
 
+#include "android-base/scopeguard.h"
+#include "android-base/stringprintf.h"
+
 #include "sim/tool/differences.h"
+#include "sim/tool/interruption.h"
 #include "sim/tool/message_text.h"
 #include "sim/tool/names.h"
 
@@ -17,14 +21,15 @@ namespace velmar_sim {
 
 namespace {
 
+using android::base::StringPrintf;
 using std::chrono::milliseconds;
 using velmar_message::VelmarMessage;
 
 constexpr char kServerOption[] = "--server";
 // How long a wait goes on before it looks whether the service still runs.
-constexpr milliseconds kSlice{20};
+constexpr milliseconds kCheckInterval{20};
 // Between two looks at something that tells no one of its change.
-constexpr milliseconds kLookAgain{2};
+constexpr milliseconds kPollInterval{2};
 
 LogStream::Matcher LogMatcher(const LogPattern& pattern) {
     const std::regex expression(pattern.matching());
@@ -56,64 +61,59 @@ bool IsExpectedEnd(const Exit& exit, int status) {
 
 }  // namespace
 
-StepPlayer::StepPlayer(const Scenario& scenario, double factor, SimulatedPhone* simulated_phone,
-                       Transcript* transcript)
-    : story(scenario), time_factor(factor), phone(simulated_phone), show(transcript) {}
+StepPlayer::StepPlayer(const Phone& description, double factor, Simulation* simulated,
+                       EventStream* event_stream)
+    : phone(description), time_factor(factor), simulation(simulated), events(event_stream) {}
 
-void StepPlayer::Play() {
-    try {
-        PlaySteps();
-    } catch (const std::exception&) {
-        EndService();
-        throw;
-    }
+void StepPlayer::Start() {
+    if (!phone.no_server()) StartService();
+}
+
+void StepPlayer::Play(const Step& step, bool is_end_awaited) {
+    within = Scaled(step.within_ms());
+    end_awaited = is_end_awaited;
+    CheckService();
+    PlayAction(step);
+}
+
+void StepPlayer::Finish() {
+    end_awaited = false;
+    CheckService();
     EndService();
-    if (phone->log().Find(0, IsSanitizerReport, milliseconds(0))) {
+    if (simulation->log().Find(0, IsSanitizerReport, milliseconds(0))) {
         throw StepFailure("a sanitizer reported a fault of velmar");
     }
 }
 
-void StepPlayer::PlaySteps() {
-    if (!story.phone().no_server()) StartService();
-    for (; current < story.step_size(); ++current) {
-        const Step& step = story.step(current);
-        within = Scaled(step.within_ms());
-        CheckService();
-        PlayStep(step);
-    }
-    CheckService();
-}
-
-// Afterwards all that the service wrote is in the log.
 void StepPlayer::EndService() {
     service_expected = false;
     if (service != nullptr) service->Kill();
-    phone->radio().Look();
+    simulation->radio().Look();
 }
 
-void StepPlayer::PlayStep(const Step& step) {
-    const PhoneFolder& folder = phone->folder();
-    if (ChangesPhone(step)) show->OnEvent("phone " + ShortText(step));
+void StepPlayer::PlayAction(const Step& step) {
+    const PhoneFolder& folder = simulation->folder();
+    if (ChangesPhone(step)) events->EmitText("phone " + ShortText(step));
     switch (step.action_case()) {
         case Step::kSay:
-            return show->Say(step.say());
+            return events->Emit({Event::Kind::kHeading, step.say()});
         case Step::kSend:
         case Step::kSendBytes:
             return Send(step);
         case Step::kExpect:
-            return Expect(step);
+            return ExpectMessage(step.expect(), step.any_token(), "");
         case Step::kExpectNothing:
             return ExpectNothing(step.expect_nothing());
         case Step::kAnswer:
-            return SetAnswer(step.answer());
+            return SetResponse(step.answer());
         case Step::kModemState:
-            return phone->modem().SetState(step.modem_state());
+            return simulation->modem().SetState(step.modem_state());
         case Step::kEndOfFile:
             AwaitChannel();
-            return phone->modem().SendEndOfFile();
+            return simulation->modem().SendEndOfFile();
         case Step::kHangUp:
             AwaitChannel();
-            return phone->modem().HangUp();
+            return simulation->modem().HangUp();
         case Step::kPush:
             return PushFile(step.push());
         case Step::kSignal:
@@ -129,11 +129,11 @@ void StepPlayer::PlayStep(const Step& step) {
         case Step::kLog:
             return AwaitLog(step.log());
         case Step::kNoLog:
-            return RefuseLog(step.no_log());
+            return ExpectNoLog(step.no_log());
         case Step::kFile:
-            return AwaitRight([&] { return FileDifference(step.file(), folder); });
+            return WaitUntilEqual([&] { return FileDifference(step.file(), folder); });
         case Step::kProperty:
-            return AwaitRight([&] { return PropertyDifference(step.property(), folder); });
+            return WaitUntilEqual([&] { return PropertyDifference(step.property(), folder); });
         case Step::kThermal:
             return AwaitThermalWrites(step.thermal());
         case Step::kSetProperty:
@@ -146,16 +146,16 @@ void StepPlayer::PlayStep(const Step& step) {
         case Step::kFault:
             return InjectFault(step.fault());
         case Step::kClearFaults:
-            return phone->modem().ClearFaults();
+            return simulation->faults().Clear();
         case Step::kRadio:
-            return phone->radio().Behave(step.radio());
+            return simulation->radio().Behave(step.radio());
         case Step::kRadioRequest:
             return ExpectRadioRequest(step.radio_request());
         case Step::kNoRadioRequest:
-            return RefuseRadioRequest(step.no_radio_request());
+            return ExpectNoRadioRequest(step.no_radio_request());
         case Step::kPauseMs:
-            WaitFor(Scaled(step.pause_ms()), [](Milliseconds slice) {
-                std::this_thread::sleep_for(slice);
+            WaitFor(Scaled(step.pause_ms()), [](Milliseconds limit) {
+                std::this_thread::sleep_for(limit);
                 return false;
             });
             return;
@@ -166,18 +166,20 @@ void StepPlayer::PlayStep(const Step& step) {
 
 void StepPlayer::Send(const Step& step) {
     AwaitChannel();
-    if (step.has_send()) {
-        phone->modem().Send(step.send());
-    } else {
-        phone->modem().SendBytes(step.send_bytes());
-    }
+    simulation->modem().SendBytes(step.has_send() ? step.send().SerializeAsString()
+                                                  : step.send_bytes());
 }
 
-void StepPlayer::Expect(const Step& step) {
+// The next message is `expected`; `place` stands before what is said of another.
+void StepPlayer::ExpectMessage(const VelmarMessage& expected, bool any_token,
+                               const std::string& place) {
     const std::optional<ReceivedMessage> message = Receive(within);
-    if (!message) throw StepFailure(NoMessage(step.expect()));
-    const std::string difference = MessageDifference(step.expect(), *message, step.any_token());
-    if (!difference.empty()) throw StepFailure(difference);
+    if (!message) {
+        throw StepFailure(place + "no message came" + WithinText() +
+                          ExpectedActual(DescribeMessage(expected.SerializeAsString()), "-"));
+    }
+    const std::string difference = MessageDifference(expected, *message, any_token);
+    if (!difference.empty()) throw StepFailure(place + difference);
 }
 
 void StepPlayer::ExpectNothing(const Silence& silence) {
@@ -189,76 +191,79 @@ void StepPlayer::ExpectNothing(const Silence& silence) {
 
 void StepPlayer::PushFile(const Push& push) {
     AwaitChannel();
-    FilePush file(push, phone->folder());
+    FilePush file(push, simulation->folder());
     const std::string whole = std::to_string(file.size()) + " bytes in " +
                               std::to_string(file.chunk_count()) + " chunks to " + file.target();
-    show->OnEvent("push " + whole);
+    events->EmitText("push " + whole);
     const auto begin = Clock::now();
-    std::chrono::duration<double> taken;
     file.Next();
     SendChunk(file);
-    {
-        const TranscriptSummary summary(show);
-        while (file.Next()) {
-            SendChunk(file);
-            show->ShowProgress(file.done(), file.size());
-        }
-        AwaitRight([&] { return file.StoredDifference(); });
-        taken = Clock::now() - begin;
-        // Log lines that are read late belong to the summary too.
-        WaitFor(within, [&](Milliseconds slice) {
-            if (!service->HasUnreadOutput()) return true;
-            std::this_thread::sleep_for(std::min(slice, kLookAgain));
-            return false;
-        });
+    SendFurtherChunks(&file);
+    const std::chrono::duration<double> taken = Clock::now() - begin;
+    events->EmitText("pushed and compared " + whole + ": " +
+                     StringPrintf("%.3f s, %.1f MB/s", taken.count(),
+                                  static_cast<double>(file.size()) / 1e6 / taken.count()));
+}
+
+// Sends the rest of the file and compares what was stored.
+void StepPlayer::SendFurtherChunks(FilePush* file) {
+    events->Emit({Event::Kind::kRepetitionBegin});
+    const auto end = android::base::make_scope_guard(
+            [this] { events->Emit({Event::Kind::kRepetitionEnd}); });
+    while (file->Next()) {
+        SendChunk(*file);
+        Event progress = {Event::Kind::kProgress};
+        progress.number = static_cast<int64_t>(file->done());
+        progress.total = static_cast<int64_t>(file->size());
+        events->Emit(progress);
     }
-    show->OnEvent("pushed and compared " + whole + ": " + RateText(file.size(), taken));
+    WaitUntilEqual([file] { return file->StoredDifference(); });
+    // Log lines that are read late belong to the repetition too.
+    WaitUntil([this] { return !service->HasUnreadOutput(); });
 }
 
 void StepPlayer::SendChunk(const FilePush& file) {
+    const std::string place = file.ChunkName() + ": ";
     try {
-        phone->modem().Send(file.message());
+        simulation->modem().Send(file.message());
     } catch (const std::runtime_error& error) {
-        throw StepFailure(file.ChunkName() + ": " + error.what());
+        throw StepFailure(place + error.what());
     }
-    const std::optional<VelmarMessage> answer = file.Answer();
-    if (!answer) return CheckService();
-    const std::optional<ReceivedMessage> message = Receive(within);
-    if (!message) throw StepFailure(file.ChunkName() + ": " + NoMessage(*answer));
-    const std::string difference = MessageDifference(*answer, *message, false);
-    if (!difference.empty()) throw StepFailure(file.ChunkName() + ": " + difference);
+    const std::optional<VelmarMessage> response = file.ExpectedResponse();
+    if (!response) return CheckService();
+    ExpectMessage(*response, false, place);
 }
 
-void StepPlayer::SetAnswer(const Answer& answer) {
-    AnswerPolicy policy;
-    policy.answer = !answer.none();
-    policy.result = answer.no_result() ? std::nullopt : std::make_optional(answer.result());
-    policy.delay = answer.has_delay_ms()
-                           ? Milliseconds(answer.delay_ms())
-                           : Scaled(static_cast<uint32_t>(AnswerPolicy::kUsualDelay.count()));
-    policy.copies = answer.twice() ? 2 : 1;
-    policy.unknown_token_first = answer.unknown_token_first();
-    const auto* field = VelmarMessage::descriptor()->FindFieldByName(answer.payload());
-    phone->modem().SetAnswerPolicy(
+void StepPlayer::SetResponse(const ModemResponse& response) {
+    ResponsePolicy policy;
+    policy.responds = !response.none();
+    policy.result = response.no_result() ? std::nullopt : std::make_optional(response.result());
+    policy.delay = response.has_delay_ms()
+                           ? Milliseconds(response.delay_ms())
+                           : Scaled(static_cast<uint32_t>(ResponsePolicy::kUsualDelay.count()));
+    policy.copies = response.twice() ? 2 : 1;
+    policy.unknown_token_first = response.unknown_token_first();
+    const auto* field = VelmarMessage::descriptor()->FindFieldByName(response.payload());
+    simulation->modem().SetResponsePolicy(
             policy, field == nullptr ? VelmarMessage::PAYLOAD_NOT_SET
                                      : static_cast<VelmarMessage::PayloadCase>(field->number()));
 }
 
 void StepPlayer::SendSignal(const std::string& name) {
     RequireRunning();
-    show->OnEvent("signal " + name);
+    events->EmitText("signal " + name);
     service->Signal(SignalFromName(name).value_or(0));
 }
 
 void StepPlayer::RunClient(const Client& client) {
     std::string output;
     const std::unique_ptr<ChildProcess> run =
-            phone->Start({client.argument().begin(), client.argument().end()}, &output);
+            simulation->Start({client.argument().begin(), client.argument().end()}, &output);
     if (!AwaitEnd(run.get())) {
-        throw StepFailure("the run did not end within " + std::to_string(within.count()) + " ms");
+        throw StepFailure("the run did not end" + WithinText());
     }
     const std::string end = ChildProcess::DescribeEnd(run->wait_status());
-    show->OnEvent("run ended: " + end);
+    events->EmitText("run ended: " + end);
     Exit expected;
     expected.set_status(client.exit_status());
     if (!IsExpectedEnd(expected, run->wait_status())) {
@@ -275,11 +280,11 @@ void StepPlayer::RunClient(const Client& client) {
 void StepPlayer::AwaitExit(const Exit& exit) {
     if (service == nullptr) throw StepFailure("the phone runs no service");
     if (!AwaitEnd(service.get())) {
-        throw StepFailure("velmar still runs after " + std::to_string(within.count()) + " ms");
+        throw StepFailure("velmar did not end" + WithinText());
     }
     service_expected = false;
     const std::string end = ChildProcess::DescribeEnd(service->wait_status());
-    show->OnEvent("velmar ended: " + end);
+    events->EmitText("velmar ended: " + end);
     if (!IsExpectedEnd(exit, service->wait_status())) {
         throw StepFailure("velmar ended otherwise" +
                           ExpectedActual(exit.has_signal()
@@ -295,23 +300,23 @@ void StepPlayer::RequireRunning() {
 
 void StepPlayer::StartService() {
     if (service != nullptr && service->IsRunning()) throw StepFailure("velmar still runs");
-    const auto& arguments = story.phone().argument();
+    const auto& arguments = phone.argument();
     std::vector<std::string> all(arguments.begin(), arguments.end());
     if (all.empty()) all.emplace_back(kServerOption);
-    service = phone->Start(all, nullptr);
+    service = simulation->Start(all, nullptr);
     service_expected = true;
 }
 
 void StepPlayer::AwaitLog(const LogPattern& pattern) {
     const std::optional<size_t> found = FindLog(pattern, within);
     if (!found) {
-        throw StepFailure("no such log line came within " + std::to_string(within.count()) + " ms" +
+        throw StepFailure("no such log line came" + WithinText() +
                           ExpectedActual(DescribePattern(pattern), "-"));
     }
     if (!pattern.anywhere()) log_position = *found + 1;
 }
 
-void StepPlayer::RefuseLog(const LogPattern& pattern) {
+void StepPlayer::ExpectNoLog(const LogPattern& pattern) {
     if (FindLog(pattern, Milliseconds(pattern.for_ms()))) {
         throw StepFailure("such a log line came: " + DescribePattern(pattern));
     }
@@ -319,8 +324,8 @@ void StepPlayer::RefuseLog(const LogPattern& pattern) {
 
 void StepPlayer::AwaitThermalWrites(const ThermalWrites& expected) {
     std::vector<std::string> writes;
-    AwaitRight([&] {
-        for (std::string& write : phone->modem().TakeThermalWrites()) {
+    WaitUntilEqual([&] {
+        for (std::string& write : simulation->thermal().TakeWrites()) {
             writes.push_back(std::move(write));
         }
         return ThermalDifference(expected, writes);
@@ -335,19 +340,13 @@ void StepPlayer::InjectFault(const Fault& fault) {
     rule.length = static_cast<int>(fault.length());
     rule.times = static_cast<int>(fault.times());
     rule.skip = static_cast<int>(fault.skip());
-    phone->modem().AddFault(rule);
-}
-
-// Says that the step's time has passed without this message.
-std::string StepPlayer::NoMessage(const VelmarMessage& expected) const {
-    return "no message came within " + std::to_string(within.count()) + " ms" +
-           ExpectedActual(DescribeMessage(expected.SerializeAsString()), "-");
+    simulation->faults().Add(rule);
 }
 
 std::optional<RadioRequest> StepPlayer::ReceiveRadioRequest(Milliseconds limit) {
     std::optional<RadioRequest> request;
     WaitFor(limit, [&](Milliseconds slice) {
-        request = phone->radio().Receive(slice);
+        request = simulation->radio().Receive(slice);
         return request.has_value();
     });
     return request;
@@ -356,14 +355,14 @@ std::optional<RadioRequest> StepPlayer::ReceiveRadioRequest(Milliseconds limit) 
 void StepPlayer::ExpectRadioRequest(const RadioRequest& expected) {
     const std::optional<RadioRequest> actual = ReceiveRadioRequest(within);
     if (!actual) {
-        throw StepFailure("no request reached the radio within " + std::to_string(within.count()) +
-                          " ms" + ExpectedActual(DescribeRadioRequest(expected), "-"));
+        throw StepFailure("no request reached the radio" + WithinText() +
+                          ExpectedActual(DescribeRadioRequest(expected), "-"));
     }
     const std::string difference = RadioDifference(expected, *actual);
     if (!difference.empty()) throw StepFailure(difference);
 }
 
-void StepPlayer::RefuseRadioRequest(const Silence& silence) {
+void StepPlayer::ExpectNoRadioRequest(const Silence& silence) {
     const std::optional<RadioRequest> request = ReceiveRadioRequest(Milliseconds(silence.for_ms()));
     if (!request) return;
     throw StepFailure("a request reached the radio" +
@@ -374,13 +373,15 @@ StepPlayer::Milliseconds StepPlayer::Scaled(uint32_t ms) const {
     return Milliseconds(static_cast<Milliseconds::rep>(ms * time_factor));
 }
 
+std::string StepPlayer::WithinText() const {
+    return " within " + std::to_string(within.count()) + " ms";
+}
+
 void StepPlayer::AwaitChannel() {
-    const bool opened = WaitFor(
-            within, [this](Milliseconds slice) { return phone->modem().WaitForChannel(slice); });
-    if (!opened) {
-        throw StepFailure("velmar has not opened the channel within " +
-                          std::to_string(within.count()) + " ms");
-    }
+    const bool opened = WaitFor(within, [this](Milliseconds limit) {
+        return simulation->modem().WaitForChannel(limit);
+    });
+    if (!opened) throw StepFailure("velmar has not opened the channel" + WithinText());
 }
 
 // Makes attempts, each of which may take as long as it is told, until one succeeds or `limit` has
@@ -389,7 +390,7 @@ bool StepPlayer::WaitFor(Milliseconds limit, const std::function<bool(Millisecon
     const auto deadline = Clock::now() + limit;
     while (true) {
         const auto left = std::chrono::ceil<Milliseconds>(deadline - Clock::now());
-        if (attempt(std::clamp(left, Milliseconds(0), kSlice))) return true;
+        if (attempt(std::clamp(left, Milliseconds(0), kCheckInterval))) return true;
         CheckService();
         if (Clock::now() >= deadline) return false;
     }
@@ -398,7 +399,7 @@ bool StepPlayer::WaitFor(Milliseconds limit, const std::function<bool(Millisecon
 std::optional<ReceivedMessage> StepPlayer::Receive(Milliseconds limit) {
     std::optional<ReceivedMessage> message;
     WaitFor(limit, [&](Milliseconds slice) {
-        message = phone->modem().Receive(slice);
+        message = simulation->modem().Receive(slice);
         return message.has_value();
     });
     return message;
@@ -411,47 +412,38 @@ std::optional<size_t> StepPlayer::FindLog(const LogPattern& pattern, Millisecond
     const size_t begin = pattern.anywhere() ? 0 : log_position;
     std::optional<size_t> found;
     WaitFor(limit, [&](Milliseconds slice) {
-        found = phone->log().Find(begin, matches, slice);
+        found = simulation->log().Find(begin, matches, slice);
         return found.has_value();
     });
     return found;
 }
 
-// Whether the program ends within the step's time.
-bool StepPlayer::AwaitEnd(ChildProcess* program) {
-    return WaitFor(within, [&](Milliseconds) {
-        if (!program->IsRunning()) return true;
-        std::this_thread::sleep_for(kLookAgain);
+// Looks again and again, for the step's time; returns whether it holds at last.
+bool StepPlayer::WaitUntil(const std::function<bool()>& holds) {
+    return WaitFor(within, [&](Milliseconds limit) {
+        if (holds()) return true;
+        std::this_thread::sleep_for(std::min(limit, kPollInterval));
         return false;
     });
+}
+
+bool StepPlayer::AwaitEnd(ChildProcess* program) {
+    return WaitUntil([program] { return !program->IsRunning(); });
 }
 
 // Looks until there is no difference; fails with the last one.
-void StepPlayer::AwaitRight(const std::function<std::string()>& find_difference) {
+void StepPlayer::WaitUntilEqual(const std::function<std::string()>& find_difference) {
     std::string difference;
-    const bool right = WaitFor(within, [&](Milliseconds) {
-        difference = find_difference();
-        if (difference.empty()) return true;
-        std::this_thread::sleep_for(kLookAgain);
-        return false;
-    });
-    if (!right) throw StepFailure(difference);
+    const auto is_equal = [&] { return (difference = find_difference()).empty(); };
+    if (!WaitUntil(is_equal)) throw StepFailure(difference);
 }
 
 void StepPlayer::CheckService() {
-    phone->radio().Look();
-    if (!service_expected || service->IsRunning() || ExitFollows()) return;
+    ThrowIfInterrupted();
+    simulation->radio().Look();
+    if (!service_expected || end_awaited || service->IsRunning()) return;
     throw StepFailure("velmar ended unexpectedly: " +
                       ChildProcess::DescribeEnd(service->wait_status()));
-}
-
-// Whether a later step, or this one, awaits the end of the service that was started last.
-bool StepPlayer::ExitFollows() const {
-    for (int i = current; i < story.step_size(); ++i) {
-        if (story.step(i).has_exit()) return true;
-        if (story.step(i).has_restart()) return false;
-    }
-    return false;
 }
 
 }  // namespace velmar_sim

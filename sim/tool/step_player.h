@@ -11,8 +11,7 @@
 #include "sim/tool/file_push.h"
 #include "sim/tool/log_stream.h"
 #include "sim/tool/scenario.pb.h"
-#include "sim/tool/simulated_phone.h"
-#include "sim/tool/transcript.h"
+#include "sim/tool/simulation.h"
 
 namespace velmar_sim {
 
@@ -22,66 +21,72 @@ class StepFailure : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// Plays the steps of one scenario on one phone. Operations belong to the main thread.
+// Plays steps on one phone, one after the other. Operations belong to the main thread; they throw
+// StepFailure, and std::runtime_error when the simulator itself could not do something.
 class StepPlayer {
   public:
-    // All arguments are borrowed. Waits take `factor` times as long as the scenario says.
-    StepPlayer(const Scenario& scenario, double factor, SimulatedPhone* phone,
-               Transcript* transcript);
+    // `phone`, which the simulation has at boot, and the others are borrowed. Waits take `factor`
+    // times as long as the steps say.
+    StepPlayer(const Phone& phone, double factor, Simulation* simulation, EventStream* events);
 
-    // Starts the service, if the scenario has one, plays every step and ends the service. Throws
-    // StepFailure, and std::runtime_error when the simulator itself could not do a step.
-    void Play();
+    // Starts the service, if the phone has one. Before the first step.
+    void Start();
 
-    // Number of the step being played, from 0; the number of steps at the end.
-    int step_number() const { return current; }
+    // Plays one step. An end of the service is a failure unless `is_end_awaited`.
+    void Play(const Step& step, bool is_end_awaited);
+
+    // Ends the service and looks for reports of sanitizers. After the last step.
+    void Finish();
+
+    // Ends the service at once, whatever it does. Afterwards all that it wrote is in the log.
+    void EndService();
 
   private:
     using Milliseconds = std::chrono::milliseconds;
 
-    void PlaySteps();
-    void PlayStep(const Step& step);
-    void EndService();
+    void PlayAction(const Step& step);
     void Send(const Step& step);
-    void Expect(const Step& step);
     void ExpectNothing(const Silence& silence);
     void PushFile(const Push& push);
+    void SendFurtherChunks(FilePush* file);
     void SendChunk(const FilePush& file);
-    void SetAnswer(const Answer& answer);
+    void SetResponse(const ModemResponse& response);
     void SendSignal(const std::string& name);
     void RunClient(const Client& client);
     void AwaitExit(const Exit& exit);
     void RequireRunning();
     void StartService();
     void AwaitLog(const LogPattern& pattern);
-    void RefuseLog(const LogPattern& pattern);
+    void ExpectNoLog(const LogPattern& pattern);
     void AwaitThermalWrites(const ThermalWrites& expected);
     void InjectFault(const Fault& fault);
     std::optional<RadioRequest> ReceiveRadioRequest(Milliseconds limit);
     void ExpectRadioRequest(const RadioRequest& expected);
-    void RefuseRadioRequest(const Silence& silence);
+    void ExpectNoRadioRequest(const Silence& silence);
+    void ExpectMessage(const velmar_message::VelmarMessage& expected, bool any_token,
+                       const std::string& place);
 
-    std::string NoMessage(const velmar_message::VelmarMessage& expected) const;
+    std::string WithinText() const;
     Milliseconds Scaled(uint32_t ms) const;
     void AwaitChannel();
     bool WaitFor(Milliseconds limit, const std::function<bool(Milliseconds)>& attempt);
+    bool WaitUntil(const std::function<bool()>& holds);
+    void WaitUntilEqual(const std::function<std::string()>& find_difference);
     std::optional<ReceivedMessage> Receive(Milliseconds limit);
     std::optional<size_t> FindLog(const LogPattern& pattern, Milliseconds limit);
     bool AwaitEnd(ChildProcess* program);
-    void AwaitRight(const std::function<std::string()>& find_difference);
     void CheckService();
-    bool ExitFollows() const;
 
-    const Scenario& story;
+    const Phone& phone;
     const double time_factor;
-    SimulatedPhone* const phone;
-    Transcript* const show;
+    Simulation* const simulation;
+    EventStream* const events;
     std::unique_ptr<ChildProcess> service;
-    // The service runs and nothing has said that it ends.
+    // The service runs, and its end would be a failure unless the step awaits it.
     bool service_expected = false;
+    bool end_awaited = false;
     // Of the step being played.
     Milliseconds within{0};
-    int current = 0;
     // Log lines before this one are done with.
     size_t log_position = 0;
 };

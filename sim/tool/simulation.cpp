@@ -1,8 +1,9 @@
-#include "sim/tool/simulated_phone.h"
+#include "sim/tool/simulation.h"
 
 #include <stdlib.h>
 
 #include <filesystem>
+#include <utility>
 
 #include "sim/phone/phone_state.h"
 #include "sim/tool/names.h"
@@ -20,16 +21,17 @@ constexpr char kLibraries[] = "../lib";
 
 }  // namespace
 
-SimulatedPhone::SimulatedPhone(const Phone& description, const std::string& velmar,
-                               bool keep_folder, Transcript* transcript)
-    : show(transcript),
+Simulation::Simulation(const Phone& description, const std::string& velmar, PhoneFolder folder,
+                       EventStream* event_stream)
+    : events(event_stream),
       executable(velmar),
       umask_of_programs(ModeFromText(description.umask()).value_or(0)),
       radio_library(SimulatedRadio::LibraryFolder(description)),
-      janitor(keep_folder),
-      phone_folder(janitor.folder()),
-      phone_modem(phone_folder, transcript),
-      phone_radio(phone_folder, transcript) {
+      phone_folder(std::move(folder)),
+      simulated_modem(phone_folder, events),
+      thermal_driver(phone_folder, events),
+      fault_injector(phone_folder),
+      simulated_radio(phone_folder, events) {
     for (const File& file : description.file()) {
         phone_folder.Remove(file.path());
         phone_folder.WriteFile(file.path(), file.content(), ModeFromText(file.mode()).value_or(0));
@@ -41,12 +43,12 @@ SimulatedPhone::SimulatedPhone(const Phone& description, const std::string& velm
     for (const std::string& name : description.refused_property()) {
         phone_folder.RefuseProperty(name);
     }
-    if (description.has_radio()) phone_radio.Behave(description.radio());
-    if (description.modem_state() != 0) phone_modem.SetState(description.modem_state());
+    if (description.has_radio()) simulated_radio.Behave(description.radio());
+    if (description.modem_state() != 0) simulated_modem.SetState(description.modem_state());
 }
 
-std::unique_ptr<ChildProcess> SimulatedPhone::Start(const std::vector<std::string>& arguments,
-                                                    std::string* output) {
+std::unique_ptr<ChildProcess> Simulation::Start(const std::vector<std::string>& arguments,
+                                                std::string* output) {
     Launch launch;
     launch.executable = executable;
     launch.arguments = {kProgramName};
@@ -56,7 +58,7 @@ std::unique_ptr<ChildProcess> SimulatedPhone::Start(const std::vector<std::strin
     launch.umask = umask_of_programs;
     std::string line;
     for (const std::string& word : launch.arguments) line += (line.empty() ? "" : " ") + word;
-    show->OnEvent("run " + line);
+    events->EmitText("run " + line);
     const auto to_text = [output](const std::string& written) { *output += written; };
     return std::make_unique<ChildProcess>(
             launch,
@@ -64,7 +66,7 @@ std::unique_ptr<ChildProcess> SimulatedPhone::Start(const std::vector<std::strin
             ToLog(kStandardErrorTag));
 }
 
-std::string SimulatedPhone::LibraryPathVariable() const {
+std::string Simulation::LibraryPathVariable() const {
     const auto programs = std::filesystem::absolute(executable).parent_path();
     const std::string folder = programs / kLibraries / radio_library.value_or("");
     // The environment does not change.
@@ -73,11 +75,16 @@ std::string SimulatedPhone::LibraryPathVariable() const {
            (inherited == nullptr ? "" : std::string(":") + inherited);
 }
 
-ChildProcess::OutputReader SimulatedPhone::ToLog(const char* plain_tag) {
-    return [this, cutter = std::make_shared<LogCutter>(plain_tag)](const std::string& written) {
-        const auto lines = written.empty() ? cutter->Finish() : cutter->Cut(written);
-        for (const LogLine& line : lines) show->Log(line);
-        phone_log.Append(lines);
+ChildProcess::OutputReader Simulation::ToLog(const char* plain_tag) {
+    return [this, parser = std::make_shared<LogLineParser>(plain_tag)](const std::string& written) {
+        const auto lines = written.empty() ? parser->Finish() : parser->Parse(written);
+        for (const LogLine& line : lines) {
+            Event event = {Event::Kind::kLog, line.text};
+            event.tag = line.tag;
+            event.priority = line.priority;
+            events->Emit(event);
+        }
+        log_stream.Append(lines);
     };
 }
 

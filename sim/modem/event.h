@@ -1,0 +1,67 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace velmar_sim {
+
+using Clock = std::chrono::steady_clock;
+
+// One thing that happened in a simulated phone. Which fields it has depends on its kind.
+struct Event {
+    enum class Kind {
+        kText,      // anything that is worth a line: `text`
+        kHeading,   // `text` names what follows
+        kSent,      // the modem sends the message `bytes` to the service
+        kReceived,  // the modem has received the message `bytes`
+        kState,     // the modem's state is `number` from now on; `text` says what is unusual
+        kOpened,    // a program of the phone has opened the device `text`
+        kClosed,    // ... has closed it
+        kLog,       // a log line: `priority`, `tag`, `text`
+        kRadio,     // a call of the radio's client library: `text`
+        kProgress,  // `number` of `total` bytes of a file are sent
+        // Between these two many events are alike; a writer for people shows few of them.
+        kRepetitionBegin,
+        kRepetitionEnd,
+    };
+
+    Kind kind = Kind::kText;
+    std::string text = {};
+    std::string bytes = {};
+    std::string tag = {};
+    char priority = ' ';
+    int64_t number = 0;
+    int64_t total = 0;
+    Clock::time_point time = Clock::now();
+};
+
+// Shows or records events. One call at a time, each on the thread on which the event happened,
+// while the modem may be locked: a writer must not call the modem.
+class EventWriter {
+  public:
+    virtual ~EventWriter() = default;
+    virtual void Write(const Event& event) = 0;
+};
+
+// Hands the events of a simulated phone to its writers. Any thread.
+class EventStream {
+  public:
+    // `writer` is borrowed. Before the first event.
+    void Attach(EventWriter* writer) { writers.push_back(writer); }
+
+    void Emit(const Event& event) {
+        const std::lock_guard<std::mutex> guard(lock);
+        for (EventWriter* writer : writers) writer->Write(event);
+    }
+
+    void EmitText(const std::string& text) { Emit({Event::Kind::kText, text}); }
+
+  private:
+    std::mutex lock;
+    std::vector<EventWriter*> writers;
+};
+
+}  // namespace velmar_sim
