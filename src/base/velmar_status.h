@@ -15,6 +15,6 @@ enum VelmarStatus : int {
     kStatusWriteFailed = 7,
     // No such request record or file, or a component that is not there.
     kStatusNotFound = 8,
-    // The modem answered with a failure.
+    // The modem's response carries a failure.
     kStatusRefused = 9,
 };

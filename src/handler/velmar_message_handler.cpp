@@ -185,7 +185,7 @@ int VelmarMessageHandler::WaitForResponse(int timeout_seconds, unsigned int toke
     auto start = system_clock::now();
     if (!request_list.load()->IsRecordInList(token)) return kStatusNotFound;
     while (true) {
-        // A clock that was set forward leaves less than nothing: an immediate time-out.
+        // A clock that was set forward makes the remaining time negative: an immediate time-out.
         std::cv_status status =
                 response_cond.wait_for(guard, std::max(remaining, milliseconds::zero()));
         RequestRecord record = request_list.load()->GetRecord(token);

@@ -20,14 +20,14 @@
 // set off) and the main thread, in the handler of SIGUSR1 and SIGUSR2 (service requests).
 class VelmarMessageHandler {
   public:
-    // Stops and frees the parts. Waits for both threads to end.
+    // Waits for both threads to end by themselves, and frees the parts.
     virtual ~VelmarMessageHandler();
 
     // Starts the state monitor, the IO handler, the service handler and the request list, in this
     // order; a part that exists is kept. Returns kStatusSuccess, or kStatusNotFound, with a log
     // line, when the state monitor or the IO handler reports a failure. A thread that cannot be
-    // created is none: the service then runs on without it. Called by the main thread, with SIGUSR1
-    // and SIGUSR2 blocked, so that every thread is created with both blocked.
+    // created is not reported as one: the service runs on without it. Called by the main thread,
+    // with SIGUSR1 and SIGUSR2 blocked, so that every thread is created with both blocked.
     virtual int Start();
 
     // Takes note of the modem's state, 0 to 4. A change into online (4) sends the start-up service
@@ -82,7 +82,7 @@ class VelmarMessageHandler {
     bool IsModemOnline();
 
     // Waits until the state monitor has opened the boot device, or has failed to. Called by the IO
-    // thread, before it asks for the first time.
+    // thread and the main thread, before they ask for the modem's state for the first time.
     void WaitForBootDevice();
 
     // A copy of the record of `token`, with its own clone of the response. Any thread.

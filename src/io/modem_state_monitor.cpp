@@ -71,11 +71,9 @@ void ModemStateMonitor::EndWaitForDevice() {
 
 void ModemStateMonitor::Run() {
     boot_fd = open(kBootDevice, O_RDWR);
+    if (boot_fd < 0) ALOGE("Failed to open MODEM_BOOT ioctl node");
     EndWaitForDevice();
-    if (boot_fd < 0) {
-        ALOGE("Failed to open MODEM_BOOT ioctl node");
-        return;
-    }
+    if (boot_fd < 0) return;
     ALOGI("Start modem state monitoring");
     pollfd device = {};
     device.fd = boot_fd;

@@ -43,7 +43,7 @@ class ModemStateMonitor : public Runnable {
     int Start();
 
     // Waits until the thread has opened the device, has failed to, or could not be created. Called
-    // after Start(), by the IO thread.
+    // after Start(). Any thread.
     void WaitForDevice();
 
     // Reads the state, keeps it, and reports it when it is a new, valid one. Called by Run() only.

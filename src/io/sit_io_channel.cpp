@@ -62,7 +62,7 @@ int SitIoChannel::WriteToChannel(char* data, int length) {
     for (int written = 0; written < length;) {
         // The descriptor is taken anew each time: the reader may have reopened the channel.
         ssize_t count = write(fd, data + written, length - written);
-        // Release; pairs with the exchange in CloseChannel: orders the write before the close.
+        // Release; pairs with the exchange in CloseChannel: orders the write before a later close.
         fd.fetch_add(0);
         if (count > 0) {
             written += static_cast<int>(count);

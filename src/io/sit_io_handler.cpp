@@ -52,7 +52,7 @@ void SitIoHandler::Run() {
         ALOGE("Failed to open IO channel");
         return;
     }
-    // An answer that came too early would be "offline", and the nap after it 2 s long.
+    // Before the device is open the modem reads as offline, which would cost a nap of 2 s.
     handler->WaitForBootDevice();
     int used_bytes = kBufferSize;
     while (true) {

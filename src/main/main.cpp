@@ -35,6 +35,9 @@ int main(int argc, char** argv) {
         return -1;
     }
     ModeFlags flags = ParseCommandLine(argc, argv);
+    // A server is sent them as soon as its pid is known, and handles them once it sleeps. Every
+    // other thread is created with both blocked, and never takes one.
+    if (flags.server == kSet) velmar_block_signals();
     (void)signal(SIGUSR1, velmar_signal_handler);
     (void)signal(SIGUSR2, velmar_signal_handler);
     if (flags.modem_stat == kSet && !SignalServer(SIGUSR1, "Send signal for modemstat request")) {
@@ -49,13 +52,14 @@ int main(int argc, char** argv) {
         ALOGE("Force to exit");
         return 0;
     }
-    // Every other thread is created from here on, and never takes one of the two signals.
-    velmar_block_signals();
-    if (VelmarMessageHandler::GetInstance()->Start() != kStatusSuccess) {
+    VelmarMessageHandler* handler = VelmarMessageHandler::GetInstance();
+    if (handler->Start() != kStatusSuccess) {
         ALOGE("Failed to start message handler");
         return -1;
     }
     velmar_write_pid();
+    // Before that every request would find the modem offline.
+    handler->WaitForBootDevice();
     velmar_unblock_signals();
     while (true) sleep(UINT_MAX);
 }

@@ -39,6 +39,10 @@ void velmar_signal_handler(int signo) {
 void velmar_block_signals() {
     sigset_t set = RequestSignalSet();
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
+
+void velmar_unblock_signals() {
+    sigset_t set = RequestSignalSet();
     // signal() blocks only the signal that is being handled.
     for (int signo : kRequestSignals) {
         struct sigaction action;
@@ -46,9 +50,5 @@ void velmar_block_signals() {
         action.sa_mask = set;
         sigaction(signo, &action, nullptr);
     }
-}
-
-void velmar_unblock_signals() {
-    sigset_t set = RequestSignalSet();
     pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
 }

@@ -48,7 +48,7 @@ class RilClientHelper {
     virtual int Send(void* handle, unsigned int request, void* data, size_t length,
                      RilResponseCallback callback) = 0;
 
-    // The same with a value that the library understands and that is otherwise 255.
+    // The same with `extra`, a value of the library's own; the form above passes 255.
     virtual int Send(void* handle, unsigned int request, void* data, size_t length,
                      RilResponseCallback callback, unsigned int extra) = 0;
 

@@ -31,8 +31,8 @@ class RilRequestHelper {
 
     // Sends `length` bytes at `data`, borrowed for the call, as request number `request`, and waits
     // for the response, up to 5 seconds. While the radio responds that it is not available, the
-    // request is repeated after a pause of up to 5 seconds, as long as that many are left of
-    // `timeout_seconds` and one more.
+    // request is repeated after a pause of up to 5 seconds, as long as 6 seconds or more are left
+    // of `timeout_seconds`; each repetition costs 5 of them.
     //
     // Returns the radio's error code (a RilError or any other number), kRilInvalidResponse when no
     // response came, kRilInvalidArguments for a negative time-out, with nothing sent. The

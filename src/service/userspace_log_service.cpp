@@ -35,7 +35,7 @@ int VelmarServiceHandler::SendUserspaceLogEnableRequest() {
     if (!CheckModemOnline()) return kStatusOffline;
     std::ifstream file(kConfigFile);
     if (!file) {
-        // A phone without one is as usual as one with it.
+        // Deliberately no error: most phones have none.
         ALOGD("Modem userspace logging config does not exist");
         return kStatusSuccess;
     }

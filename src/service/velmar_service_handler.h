@@ -78,7 +78,8 @@ class VelmarServiceHandler {
     int SendModemStatEnableRequest(const std::string& module, int value, unsigned int type);
 
     // Writes a piece of a statistics report to the dump file. Returns kStatusSuccess, whether or
-    // not the file could be opened, or kStatusInvalid for any other message. IO thread only.
+    // not the file could be opened, or kStatusInvalid for any other message and for a report
+    // without data. IO thread only.
     int OnReceiveModemStatReportIndication(SitMessage* message);
 
     // Asks the modem for the statistics that the configuration names, entry by entry. Returns
