@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <charconv>
 
 #include "phone_state.h"
 
@@ -31,25 +32,13 @@ std::string_view NextName(std::string_view* rest) {
     }
 }
 
-bool IsPhoneDirectory(std::string_view path) {
-    for (const std::string_view known : kPhonePaths) {
-        if (path == known) return true;
-    }
-    return false;
-}
-
-bool EndsWith(std::string_view text, std::string_view end) {
-    return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
-}
-
 // Goes one directory up, but not above the first `floor` bytes.
 int Ascend(size_t floor, PathText* at) {
     if (at->length == floor) return 0;
     if (!at->Append("/")) return ENAMETOOLONG;
     // With its slash the path is found only if it is a directory: "file/.." is an error.
     if (access(at->text, F_OK) != 0) return errno;
-    at->Cut(at->length - 1);
-    at->Cut(at->View().rfind('/'));
+    at->Cut(at->View().rfind('/', at->length - 2));
     return 0;
 }
 
@@ -57,25 +46,12 @@ int Ascend(size_t floor, PathText* at) {
 // look at each part of the path, but is no more than that: no kernel has to know the call, and a
 // path that is missing is not found.
 bool IsWithoutLinks(const char* path, LastLink last) {
-    open_how how = {};
-    how.flags = O_PATH | O_CLOEXEC;
-    if (last == LastLink::kKeep) how.flags |= O_NOFOLLOW;
-    how.resolve = RESOLVE_NO_SYMLINKS;
+    const int last_flag = last == LastLink::kKeep ? O_NOFOLLOW : 0;
+    const open_how how = {static_cast<uint64_t>(O_PATH | O_CLOEXEC | last_flag), 0,
+                          RESOLVE_NO_SYMLINKS};
     const long fd = syscall(SYS_openat2, AT_FDCWD, path, &how, sizeof(how));
     if (fd < 0) return false;
     syscall(SYS_close, fd);
-    return true;
-}
-
-// Whether no part of the path is empty, or begins with a dot.
-bool IsPlain(std::string_view path) {
-    return path.find("//") == std::string_view::npos && path.find("/.") == std::string_view::npos;
-}
-
-bool ReadLink(const char* path, PathText* target) {
-    const ssize_t length = readlink(path, target->text, sizeof(target->text) - 1);
-    if (length <= 0) return false;
-    target->Cut(static_cast<size_t>(length));
     return true;
 }
 
@@ -92,7 +68,9 @@ bool FindPhonePath(const char* path, PathText* phone_path) {
         }
         phone_path->Append("/");
         phone_path->Append(name);
-        if (IsPhoneDirectory(phone_path->View())) return phone_path->Append(rest);
+        const auto* const end = std::end(kPhonePaths);
+        const bool is_known = std::count(kPhonePaths, end, phone_path->View()) > 0;
+        if (is_known) return phone_path->Append(rest);
     }
     return false;
 }
@@ -101,7 +79,8 @@ int ResolveBelow(std::string_view root, std::string_view phone_path, LastLink la
     PathText pending;
     at->Cut(0);
     if (!at->Append(root) || !pending.Append(phone_path)) return ENAMETOOLONG;
-    if (IsPlain(phone_path) && at->Append(phone_path)) {
+    // The kernel would climb above the root.
+    if (phone_path.find("..") == std::string_view::npos && at->Append(phone_path)) {
         if (IsWithoutLinks(at->text, last)) return 0;
         at->Cut(root.size());
     }
@@ -124,10 +103,25 @@ int ResolveBelow(std::string_view root, std::string_view phone_path, LastLink la
         rest = pending.View();
     }
     // "dir/" and "dir/." ask more of the call than "dir" does.
-    for (const std::string_view end : {"/", "/."}) {
-        if (EndsWith(pending.View(), end) && !at->Append(end)) return ENAMETOOLONG;
-    }
-    return 0;
+    const std::string_view end = pending.View().substr(pending.View().rfind('/') + 1);
+    const bool is_directory = end.empty() || end == ".";
+    return is_directory && !at->Append("/") ? ENAMETOOLONG : 0;
+}
+
+PathText DescriptorName(int fd) {
+    PathText name;
+    char digits[10];
+    const char* end = std::to_chars(digits, std::end(digits), fd).ptr;
+    name.Append("/proc/self/fd/");
+    name.Append({digits, static_cast<size_t>(end - digits)});
+    return name;
+}
+
+bool ReadLink(const char* path, PathText* target) {
+    const ssize_t length = readlink(path, target->text, sizeof(target->text) - 1);
+    if (length <= 0) return false;
+    target->Cut(static_cast<size_t>(length));
+    return true;
 }
 
 }  // namespace velmar_phone

@@ -3,9 +3,7 @@
 #include <limits.h>
 #include <string.h>
 
-#include <charconv>
 #include <cstddef>
-#include <cstdint>
 #include <string_view>
 
 // Path arithmetic of the simulated phone: which paths are the phone's, and where they lie below its
@@ -23,12 +21,6 @@ struct PathText {
         memcpy(text + length, more.data(), more.size());
         Cut(length + more.size());
         return true;
-    }
-    bool AppendNumber(uint64_t number) {
-        char digits[20];
-        return Append({digits, static_cast<size_t>(
-                                       std::to_chars(digits, digits + sizeof(digits), number).ptr -
-                                       digits)});
     }
     // Shortens the path to `new_length` bytes. Any thread.
     void Cut(size_t new_length) {
@@ -51,5 +43,12 @@ bool FindPhonePath(const char* path, PathText* phone_path);
 // with the workstation's path in `at`, or ENOENT, ENOTDIR, EACCES, ELOOP or ENAMETOOLONG. A part
 // that is missing is no error unless ".." follows it: the call itself reports it. Any thread.
 int ResolveBelow(std::string_view root, std::string_view phone_path, LastLink last, PathText* at);
+
+// Gives /proc/self/fd/N, which the kernel takes for what is open as `fd`. Any thread.
+PathText DescriptorName(int fd);
+
+// Reads the symbolic link `path`; returns whether it is one. That of a DescriptorName leads to the
+// workstation's path of what is open. Any thread.
+bool ReadLink(const char* path, PathText* target);
 
 }  // namespace velmar_phone

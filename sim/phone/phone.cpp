@@ -1,6 +1,5 @@
 #include "phone.h"
 
-#include <android/log.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
@@ -16,78 +15,58 @@ namespace {
 std::atomic<Phone*> g_phones;
 std::atomic<Phone*> g_last_phone;
 
-const char* RootVariable() {
-    // Reads only; a program that changes its environment while other threads open files races
-    // anyway.
-    return getenv(kRootVariable);  // NOLINT(concurrency-mt-unsafe)
+[[noreturn]] void Die(std::string_view root, std::string_view error) {
+    PathText line;
+    const std::string_view parts[] = {"velmar_phone: ", kRootVariable, "=\"", root,
+                                      "\": ",           error,         "\n"};
+    for (const std::string_view part : parts) line.Append(part);
+    if (write(STDERR_FILENO, line.text, line.length) < 0) abort();
+    abort();
 }
 
-[[noreturn]] void DieOfRoot(std::string_view name, std::string_view fault) {
-    Die({kRootVariable, "=\"", name, "\": ", fault});
-}
-
-// The folder's path in the form in which /proc/self/fd gives the paths of open files.
-void FindCanonicalRoot(Phone* phone) {
-    const android::base::unique_fd folder(open(phone->root.text, O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (folder < 0) DieOfRoot(phone->name.View(), "expected a folder that can be opened");
-    if (!FindOpenPath(folder, &phone->canonical_root)) {
-        DieOfRoot(phone->name.View(), "its path cannot be read from /proc/self/fd");
-    }
-}
-
-void MapState(Phone* phone) {
+bool MapState(Phone* phone) {
     PathText path = phone->root;
-    if (!path.Append(kStateFile)) DieOfRoot(phone->name.View(), "the path is too long");
+    if (!path.Append(kStateFile)) return false;
     const android::base::unique_fd file(open(path.text, O_RDWR | O_CLOEXEC));
-    if (file < 0) DieOfRoot(phone->name.View(), "expected a state file \"phone_state\" in it");
     struct stat status = {};
-    if (fstat(file, &status) != 0 || status.st_size != sizeof(PhoneState)) {
-        PathText sizes;
-        sizes.Append("its phone_state has ");
-        sizes.AppendNumber(static_cast<uint64_t>(status.st_size));
-        sizes.Append(" bytes, expected ");
-        sizes.AppendNumber(sizeof(PhoneState));
-        DieOfRoot(phone->name.View(), sizes.View());
-    }
+    if (file < 0 || fstat(file, &status) != 0 || status.st_size != sizeof(PhoneState)) return false;
     void* state = mmap(nullptr, sizeof(PhoneState), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
-    if (state == MAP_FAILED) DieOfRoot(phone->name.View(), "its phone_state cannot be mapped");
     phone->state = static_cast<PhoneState*>(state);
+    return state != MAP_FAILED;
 }
 
-Phone* MeetPhone(std::string_view name) {
+Phone* LoadPhone(std::string_view root) {
     auto* phone = static_cast<Phone*>(AllocatePages(sizeof(Phone)));
-    if (!phone->name.Append(name)) DieOfRoot(name, "the path is too long");
-    while (!name.empty() && name.back() == '/') name.remove_suffix(1);
-    phone->root.Append(name);
-    if (name.empty() || name[0] != '/') {
-        DieOfRoot(phone->name.View(), "expected the absolute path of a folder other than /");
-    }
     PathText ignored;
-    if (FindPhonePath(phone->root.text, &ignored)) {
-        DieOfRoot(phone->name.View(), "the folder must not lie below a path of the phone itself");
+    const bool is_path = root.size() > 1 && root.front() == '/' && root.back() != '/';
+    if (!is_path || !phone->root.Append(root)) {
+        Die(root, "expected the absolute path of a folder, without a slash at its end");
     }
-    FindCanonicalRoot(phone);
-    MapState(phone);
-    // Two threads may meet it at once; the twin that comes second in the list is simply never
-    // found.
+    if (FindPhonePath(phone->root.text, &ignored)) {
+        Die(root, "expected a folder that does not lie below a path of the phone itself");
+    }
+    const android::base::unique_fd folder(open(phone->root.text, O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (folder < 0 || !ReadLink(DescriptorName(folder.get()).text, &phone->canonical_root)) {
+        Die(root, "expected a folder that can be opened");
+    }
+    if (!MapState(phone)) {
+        Die(root, "expected a file phone_state in it, of the size that this build gives it");
+    }
+    // Two threads may load the same phone at once. Both copies work; later calls find the last one.
     phone->next = g_phones.load();
     while (!g_phones.compare_exchange_weak(phone->next, phone)) {
     }
     return phone;
 }
 
-// The phone's log keeps every priority, the workstation's drops the lowest.
-[[gnu::constructor]] void KeepEveryLogLine() {
-    if (RootVariable() != nullptr) __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
-}
-
 }  // namespace
 
 Phone* CurrentPhone() {
-    const char* name = RootVariable();
-    Phone* phone = name == nullptr ? nullptr : g_phones.load();
-    while (phone != nullptr && phone->name.View() != name) phone = phone->next;
-    if (name != nullptr && phone == nullptr) phone = MeetPhone(name);
+    // A program that changes its environment while other threads open files races anyway.
+    const char* root = getenv(kRootVariable);  // NOLINT(concurrency-mt-unsafe)
+    Phone* phone = root == nullptr ? nullptr : g_phones.load();
+    while (phone != nullptr && phone->root.View() != root) phone = phone->next;
+    if (root != nullptr && phone == nullptr) phone = LoadPhone(root);
     g_last_phone.store(phone);
     return phone;
 }
@@ -105,29 +84,15 @@ bool StripRoot(const Phone& phone, char* path) {
     return true;
 }
 
-bool FindOpenPath(int fd, PathText* path) {
-    PathText link;
-    link.Append("/proc/self/fd/");
-    link.AppendNumber(static_cast<uint64_t>(fd));
-    const ssize_t length = readlink(link.text, path->text, sizeof(path->text) - 1);
-    if (length <= 0) return false;
-    path->Cut(static_cast<size_t>(length));
-    return true;
+int Failure(int error) {
+    errno = error;
+    return -1;
 }
 
 void* AllocatePages(size_t size) {
     void* pages = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (pages == MAP_FAILED) Die({"out of memory"});
+    if (pages == MAP_FAILED) abort();
     return pages;
-}
-
-void Die(std::initializer_list<std::string_view> parts) {
-    PathText line;
-    line.Append("velmar_phone: ");
-    for (const std::string_view part : parts) line.Append(part);
-    line.Append("\n");
-    if (write(STDERR_FILENO, line.text, line.length) < 0) abort();
-    abort();
 }
 
 }  // namespace velmar_phone

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <atomic>
-#include <initializer_list>
 #include <string_view>
 
 #include "path_resolver.h"
@@ -11,9 +10,9 @@ namespace velmar_phone {
 
 struct Device;
 
-// A phone that this process has met, kept until the process ends: descriptors of its devices may
-// outlive a change of the environment. Lies in pages of its own, since a signal handler may be the
-// first to meet it.
+// A simulated phone that this process uses. It stays until the process ends: descriptors of its
+// devices may outlive a change of the environment. It lies in pages of its own, since a signal
+// handler, which must not allocate from the heap, may be the first to use it.
 struct Phone {
     // Folder as the environment names it, and as the kernel does.
     PathText root;
@@ -22,8 +21,6 @@ struct Phone {
     // Devices opened so far.
     std::atomic<Device*> devices;
     Phone* next;
-    // The variable's value, by which the phone is found again.
-    PathText name;
 };
 
 // Gives the phone that VELMAR_PHONE_ROOT names now, or null when it is unset. A value that names
@@ -38,13 +35,10 @@ Phone* LastPhone();
 // Returns whether it was removed. Any thread.
 bool StripRoot(const Phone& phone, char* path);
 
-// Gives the workstation's path of what is open as `fd`, if it has one. Any thread.
-bool FindOpenPath(int fd, PathText* path);
+// Sets errno to `error` and returns -1, as a failing call does. Any thread.
+int Failure(int error);
 
-// Gives `size` zeroed bytes in pages of their own. Any thread.
+// Gives `size` zeroed bytes in pages of their own, or aborts. Any thread.
 void* AllocatePages(size_t size);
-
-// Prints the parts as one line after "velmar_phone: " on standard error and aborts. Any thread.
-[[noreturn]] void Die(std::initializer_list<std::string_view> parts);
 
 }  // namespace velmar_phone

@@ -32,9 +32,11 @@ struct Fault {
     std::atomic<int32_t> remaining;
     // How many matching calls pass before the first one is hit.
     std::atomic<int32_t> skip;
-    // errno of the failing call, or 0 for a short one.
+    // errno of the failing call, or 0 for what `length` says. A call on a path needs an errno.
     int32_t error;
-    // With error 0: bytes that the call takes or gives at most; 0 in a read is end of file.
+    // With error 0. Of a read or write: the bytes that it moves at most; 0 in a read is end of
+    // file. Of a poll, which returns 1: the revents of this device, such as POLLHUP, or 0 for none;
+    // no other descriptor is ready. Of any other call on a descriptor: what it returns.
     int32_t length;
     // The call: "open" stands for every way to open a file, "stat" for all its relatives; "read",
     // "write", "select", "poll", "ioctl", "unlink", "rename", "chmod", "close". A sendfile is a
@@ -51,8 +53,8 @@ struct PhoneState {
     std::atomic<int32_t> boot_state;
     // Number of slots in use from the start; 0 lets every call pass untested.
     std::atomic<int32_t> fault_count;
-    // Messages that the phone's processes have read from the channel; wraps around. Counted after
-    // each read of at least one byte (release).
+    // How many messages the phone's processes have read from the channel, wrapping. A read counts
+    // after it gave its bytes.
     std::atomic<uint32_t> channel_reads;
     Fault faults[kMaxFaults];
 };

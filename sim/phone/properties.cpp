@@ -1,4 +1,3 @@
-#include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -6,13 +5,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <mutex>
 #include <optional>
-#include <set>
 #include <string>
 #include <string_view>
 
+#include <android-base/file.h>
 #include <android-base/unique_fd.h>
 
 #include "phone.h"
@@ -24,72 +21,56 @@
 
 // Properties of the phone, one file each, so that every process sees what another has set.
 
-struct prop_info {
-    std::string name;
-    bool operator<(const prop_info& other) const { return name < other.name; }
-};
+// Says no more than that a property is set; all share one.
+struct prop_info {};
 
 namespace velmar_phone {
 namespace {
 
-constexpr size_t kMaxValue = PROP_VALUE_MAX - 1;
+// What the platform gives in the place of a longer value.
+constexpr char kTooLong[] = "Must use __system_property_read_callback() to read";
 
 bool IsLegalName(std::string_view name) {
     constexpr std::string_view kLegal =
             "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.-_@:";
-    if (name.empty() || name.front() == '.' || name.back() == '.') return false;
-    if (name.find("..") != std::string_view::npos) return false;
-    return name.find_first_not_of(kLegal) == std::string_view::npos;
+    return !name.empty() && name.front() != '.' && name.back() != '.' &&
+           name.find("..") == std::string_view::npos &&
+           name.find_first_not_of(kLegal) == std::string_view::npos;
 }
 
-std::string PathBelow(const Phone& phone, std::string_view place) {
-    return std::string(phone.root.View()).append(place);
+// Such a property is set once, and its value may be of any length.
+bool IsReadOnly(std::string_view name) {
+    return name.substr(0, 3) == "ro.";
 }
 
-std::string FileOf(const Phone& phone, std::string_view name) {
-    return PathBelow(phone, kPropertyDirectory).append("/").append(name);
-}
-
-std::optional<std::string> ReadFile(const std::string& path) {
-    const android::base::unique_fd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (file < 0) return std::nullopt;
-    std::string content;
-    char part[4096];
-    ssize_t size;
-    while ((size = TEMP_FAILURE_RETRY(read(file, part, sizeof(part)))) > 0) {
-        content.append(part, static_cast<size_t>(size));
-    }
-    return content;
+std::string FileOf(const Phone& phone, const std::string& name) {
+    return phone.root.text + (kPropertyDirectory + ("/" + name));
 }
 
 std::optional<std::string> ReadProperty(const char* name) {
     const Phone* phone = CurrentPhone();
+    std::string value;
     if (phone == nullptr || name == nullptr || !IsLegalName(name)) return std::nullopt;
-    return ReadFile(FileOf(*phone, name));
+    if (!android::base::ReadFileToString(FileOf(*phone, name), &value)) return std::nullopt;
+    return value;
 }
 
 bool IsRefused(const Phone& phone, std::string_view name) {
-    const std::string names =
-            "\n" + ReadFile(PathBelow(phone, kRefusedProperties)).value_or("") + "\n";
-    return names.find("\n" + std::string(name) + "\n") != std::string::npos;
+    std::string names;
+    android::base::ReadFileToString(std::string(phone.root.text) + kRefusedProperties, &names);
+    return ("\n" + names + "\n").find("\n" + std::string(name) + "\n") != std::string::npos;
 }
 
 // Puts the finished file in its place at once; a read-only property only where there is none yet.
-bool Publish(const std::string& temporary, const std::string& path, bool is_read_only) {
-    if (!is_read_only) return rename(temporary.c_str(), path.c_str()) == 0;
-    return link(temporary.c_str(), path.c_str()) == 0;
-}
-
-bool WriteProperty(const Phone& phone, const std::string& name, std::string_view value) {
+bool WriteProperty(const Phone& phone, const std::string& name, const std::string& value) {
     // No property's name begins with a dot.
     std::string temporary = FileOf(phone, ".XXXXXX");
     const android::base::unique_fd file(mkostemp(temporary.data(), O_CLOEXEC));
     if (file < 0) return false;
-    const bool is_written =
-            write(file, value.data(), value.size()) == static_cast<ssize_t>(value.size()) &&
-            fchmod(file, 0644) == 0;
-    const bool is_published =
-            is_written && Publish(temporary, FileOf(phone, name), name.rfind("ro.", 0) == 0);
+    const auto publish = IsReadOnly(name) ? link : rename;
+    const bool is_published = android::base::WriteStringToFd(value, file) &&
+                              fchmod(file, 0644) == 0 &&
+                              publish(temporary.c_str(), FileOf(phone, name).c_str()) == 0;
     unlink(temporary.c_str());
     return is_published;
 }
@@ -97,28 +78,25 @@ bool WriteProperty(const Phone& phone, const std::string& name, std::string_view
 }  // namespace
 }  // namespace velmar_phone
 
+// As the platform's, an empty property gives the default as well.
 int property_get(const char* key, char* value, const char* default_value) {
-    const std::string text =
-            velmar_phone::ReadProperty(key).value_or(default_value == nullptr ? "" : default_value);
-    const size_t length = std::min(text.size(), velmar_phone::kMaxValue);
-    memcpy(value, text.data(), length);
-    value[length] = '\0';
-    return static_cast<int>(length);
+    std::string text = velmar_phone::ReadProperty(key).value_or("");
+    if (text.size() >= PROP_VALUE_MAX) text = velmar_phone::kTooLong;
+    if (text.empty() && default_value != nullptr) text = default_value;
+    value[text.copy(value, PROP_VALUE_MAX - 1)] = '\0';
+    return static_cast<int>(strlen(value));
 }
 
 int property_set(const char* key, const char* value) {
     const velmar_phone::Phone* phone = velmar_phone::CurrentPhone();
-    const std::string_view text = value == nullptr ? "" : value;
+    const std::string text = value == nullptr ? "" : value;
     if (phone == nullptr || key == nullptr || !velmar_phone::IsLegalName(key)) return -1;
-    if (text.size() > velmar_phone::kMaxValue || velmar_phone::IsRefused(*phone, key)) return -1;
+    const bool is_too_long = text.size() >= PROP_VALUE_MAX && !velmar_phone::IsReadOnly(key);
+    if (is_too_long || velmar_phone::IsRefused(*phone, key)) return -1;
     return velmar_phone::WriteProperty(*phone, key, text) ? 0 : -1;
 }
 
 const prop_info* __system_property_find(const char* name) {
-    // Handles stay good until the process ends, static destructors of others included.
-    static auto& handles = *new std::set<prop_info>;
-    static std::mutex handles_lock;
-    if (!velmar_phone::ReadProperty(name).has_value()) return nullptr;
-    const std::lock_guard<std::mutex> lock(handles_lock);
-    return &*handles.insert({name}).first;
+    static const prop_info handle;
+    return velmar_phone::ReadProperty(name).has_value() ? &handle : nullptr;
 }
