@@ -1,5 +1,7 @@
 #include "ril/gnss_coex_config.h"
 
+#include <android-base/stringprintf.h>
+
 #include <stdexcept>
 
 #include "radio_test_case.h"
@@ -18,13 +20,12 @@ constexpr char kIncomplete[] = "incomplete";
 constexpr char kNoNumber[] = "no number";
 constexpr char kOutOfRange[] = "out of range";
 
-template <size_t size>
-std::string Hex(const std::array<uint8_t, size>& bytes) {
+template <typename Bytes>
+std::string Hex(const Bytes& bytes) {
     std::string text;
-    for (size_t i = 0; i < size; ++i) {
-        char digits[4];
-        (void)snprintf(digits, sizeof(digits), "%s%02x", i > 0 && i % 2 == 0 ? " " : "", bytes[i]);
-        text += digits;
+    for (size_t i = 0; i < bytes.size(); ++i) {
+        text += android::base::StringPrintf("%s%02x", i > 0 && i % 2 == 0 ? " " : "",
+                                            static_cast<uint8_t>(bytes[i]));
     }
     return text;
 }
@@ -189,11 +190,10 @@ class GnssCoexLoadTest : public RadioTestCase {
   protected:
     // The requests that reached the radio: number, blank, bytes in hex.
     std::vector<std::string> Requests() {
-        const std::string prefix = "RILC_Send client=open request=";
-        std::vector<std::string> requests = CallTexts("RILC_Send");
-        for (std::string& request : requests) {
-            request.replace(0, prefix.size(), "");
-            request.replace(3, sizeof(" extra=255 data=") - 1, " ");
+        std::vector<std::string> requests;
+        for (const velmar_sim::RadioCall& call : Calls("RILC_Send")) {
+            const std::string& data = call.request().data();
+            requests.push_back(std::to_string(call.request().request()) + " " + Hex(data));
         }
         return requests;
     }
@@ -218,19 +218,20 @@ TEST_F(GnssCoexLoadTest, WithoutALibraryNothingIsSent) {
 TEST_F(GnssCoexLoadTest, WithoutAFileNothingIsSent) {
     Provide("full");
     EXPECT_EQ(LoadGnssCoexConfig(), 8);
-    EXPECT_THAT(CallTexts(), ElementsAre("RILC_Open"));
+    EXPECT_THAT(CallTexts(), ElementsAre("function: \"RILC_Open\""));
     EXPECT_THAT(Lines(), ElementsAre("I Configuring GNSS coex",
                                      "E Failed to read any GNSS coex configuration file"));
 }
 
 TEST_F(GnssCoexLoadTest, EveryValidLineIsSentWhateverTheRadioAnswers) {
     Provide("full");
-    Behave("answer 44\nanswer 2\nanswer 0\n");
+    Behave("answer { error: 44 } answer { error: 2 } answer { error: 0 }");
     folder.WriteFile(kDataFile, "258\nB3,10\n\nB5\nn78,\n1800,5\nB3,10,n78,20\n");
     folder.WriteFile(kVendorFile, "1\n");
     EXPECT_EQ(LoadGnssCoexConfig(), 0);
-    EXPECT_THAT(Requests(), ElementsAre("227 0201", "226 020103000a0000000000",
-                                        "226 00010100050000000000", "226 050103000a004e001400"));
+    EXPECT_THAT(Requests(),
+                ElementsAre("227 0201", "226 0201 0300 0a00 0000 0000",
+                            "226 0001 0100 0500 0000 0000", "226 0501 0300 0a00 4e00 1400"));
     EXPECT_THAT(Lines(),
                 ElementsAre("I Configuring GNSS coex", "E Invalid GNSS coex config line - B5",
                             "E Invalid band1 GNSS coex configuration - n78,"));
@@ -268,7 +269,7 @@ TEST_F(GnssCoexLoadTest, NumberThatCannotBeConvertedEndsTheFile) {
     Provide("full");
     folder.WriteFile(kDataFile, "1\nB3,10\nB3,ten\nB7,20\n");
     EXPECT_THROW(LoadGnssCoexConfig(), std::invalid_argument);
-    EXPECT_THAT(Requests(), ElementsAre("227 0100", "226 020103000a0000000000"));
+    EXPECT_THAT(Requests(), ElementsAre("227 0100", "226 0201 0300 0a00 0000 0000"));
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <gmock/gmock.h>
+#include <google/protobuf/text_format.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
@@ -13,6 +14,7 @@
 #include "log_capture.h"
 #include "sim/modem/phone_folder.h"
 #include "sim/phone/phone_state.h"
+#include "sim/ril/radio.pb.h"
 #include "sim/ril/radio_layout.h"
 
 // Runs the test's process in a phone of its own, without a modem, with a radio's client library as
@@ -31,29 +33,28 @@ class RadioTestCase : public testing::Test {
         ASSERT_NE(dlopen(library.c_str(), RTLD_NOW), nullptr) << "cannot load " << library;
     }
 
-    // How the radio behaves from now on.
-    void Behave(const std::string& text) { folder.WriteFile(velmar_radio::kBehaviourFile, text); }
+    // How the radio behaves from now on: a velmar_sim.Radio in text form.
+    void Behave(const std::string& text) { folder.WriteFile(velmar_radio::kRadioFile, text); }
 
-    struct Call {
-        long long time_ms;
-        std::string text;
-    };
-
-    // The calls of the library so far that begin with `name`.
-    std::vector<Call> Calls(const std::string& name) {
+    // The calls of the library so far; with a name, those of this function.
+    std::vector<velmar_sim::RadioCall> Calls(const std::string& function = "") {
         std::istringstream lines(folder.ReadFile(velmar_radio::kCallsFile).value_or(""));
-        std::vector<Call> calls;
-        Call call;
-        while (lines >> call.time_ms && std::getline(lines >> std::ws, call.text)) {
-            if (call.text.compare(0, name.size(), name) == 0) calls.push_back(call);
+        std::vector<velmar_sim::RadioCall> calls;
+        velmar_sim::RadioCall call;
+        for (std::string line; std::getline(lines, line);) {
+            EXPECT_TRUE(google::protobuf::TextFormat::ParseFromString(line, &call)) << line;
+            if (function.empty() || call.function() == function) calls.push_back(call);
         }
         return calls;
     }
 
-    // The same, as their texts.
-    std::vector<std::string> CallTexts(const std::string& name = "") {
+    // The same, each in text form without its time.
+    std::vector<std::string> CallTexts() {
         std::vector<std::string> texts;
-        for (const Call& call : Calls(name)) texts.push_back(call.text);
+        for (velmar_sim::RadioCall& call : Calls()) {
+            call.clear_time_us();
+            texts.push_back(call.ShortDebugString());
+        }
         return texts;
     }
 

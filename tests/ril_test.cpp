@@ -20,6 +20,7 @@ namespace {
 
 constexpr unsigned int kRequest = 227;
 constexpr char kSendCall[] = "RILC_Send";
+constexpr char kOpenCall[] = "function: \"RILC_Open\"";
 // How much longer than its nominal length a wait may take on a busy machine.
 constexpr int kSlackMs = 900;
 
@@ -118,7 +119,7 @@ INSTANTIATE_TEST_SUITE_P(Of, MissingEntryPointTest,
 
 TEST_F(LoaderTest, EveryCallReachesTheLibrary) {
     Provide("full");
-    Behave("result 7\n");
+    Behave("result: 7");
     Loader loader;
     ASSERT_TRUE(loader.Init());
     int filter[] = {3, -4};
@@ -133,12 +134,18 @@ TEST_F(LoaderTest, EveryCallReachesTheLibrary) {
     EXPECT_EQ(loader.Send(handle, 227, data, 1, IgnoreAnswer, 12), 7);
     EXPECT_EQ(loader.RegisterUnsolicitedResponseHandler(handle, IgnoreMessage), 7);
     EXPECT_EQ(loader.SetIndicationFilter(handle, filter, 2), 7);
-    EXPECT_THAT(CallTexts(), ElementsAre("RILC_Open", "RILC_OpenV2 name=velmar",
-                                         "RILC_Close client=open", "RILC_Reconnect client=null",
-                                         "RILC_Send client=open request=226 extra=255 data=01ab",
-                                         "RILC_Send client=open request=227 extra=12 data=01",
-                                         "RILC_RegisterUnsolicitedHandler client=open handler=set",
-                                         "RILC_SetIndicationFilter client=open filter=3,-4"));
+    EXPECT_THAT(CallTexts(),
+                ElementsAre("function: \"RILC_Open\"", "function: \"RILC_OpenV2\" name: \"velmar\"",
+                            "function: \"RILC_Close\" client: \"open\"",
+                            "function: \"RILC_Reconnect\" client: \"null\"",
+                            "function: \"RILC_Send\" client: \"open\" "
+                            "request { request: 226 data: \"\\001\\253\" } extra: 255",
+                            "function: \"RILC_Send\" client: \"open\" "
+                            "request { request: 227 data: \"\\001\" } extra: 12",
+                            "function: \"RILC_RegisterUnsolicitedHandler\" client: \"open\" "
+                            "has_handler: true",
+                            "function: \"RILC_SetIndicationFilter\" client: \"open\" "
+                            "filter: 3 filter: -4"));
     char filter_line[96];
     (void)snprintf(filter_line, sizeof(filter_line),
                    "E RilClientHelperDLImpl::SetIndicationFilter filter=%p size=2",
@@ -165,7 +172,7 @@ TEST_F(LoaderTest, ReleaseKeepsTheClientAndTheFilterEntryPoint) {
         EXPECT_NE(loader.RILC_SetIndicationFilter, nullptr);
         EXPECT_EQ(loader.SetIndicationFilter(handle, nullptr, 0), 1);
         EXPECT_EQ(loader.Open(), handle);
-        EXPECT_THAT(CallTexts(), ElementsAre("RILC_Open"));
+        EXPECT_THAT(CallTexts(), ElementsAre(kOpenCall));
         RadioLog::Take();
     }
     EXPECT_THAT(RadioLog::Take(),
@@ -178,7 +185,7 @@ TEST_F(LoaderTest, FailedOpenForgetsTheClient) {
     Loader loader;
     ASSERT_TRUE(loader.Init());
     EXPECT_NE(loader.Open(), nullptr);
-    Behave("open null\n");
+    Behave("no_client: true");
     EXPECT_EQ(loader.Open(), nullptr);
     EXPECT_EQ(loader.client, nullptr);
 }
@@ -210,15 +217,16 @@ TEST_P(ExchangeTest, GivesTheResultInItsTime) {
     char data[] = {5, 0};
     EXPECT_EQ(helper->Send(kRequest, data, sizeof(data), exchange.timeout_seconds),
               exchange.result);
-    auto end = std::chrono::duration_cast<milliseconds>(steady_clock::now().time_since_epoch());
+    auto end = std::chrono::duration_cast<std::chrono::microseconds>(
+            steady_clock::now().time_since_epoch());
 
-    std::vector<Call> calls = Calls(kSendCall);
+    std::vector<velmar_sim::RadioCall> calls = Calls(kSendCall);
     ASSERT_THAT(calls, SizeIs(exchange.seconds.size()));
-    calls.push_back({end.count(), ""});
+    calls.emplace_back().set_time_us(end.count());
     for (size_t i = 0; i < exchange.seconds.size(); ++i) {
-        EXPECT_EQ(calls[i].text, "RILC_Send client=open request=227 extra=255 data=0500");
+        EXPECT_EQ(calls[i].request().ShortDebugString(), R"(request: 227 data: "\005\000")");
         double expected_ms = exchange.seconds[i] * 1000;
-        auto actual_ms = static_cast<double>(calls[i + 1].time_ms - calls[i].time_ms);
+        double actual_ms = static_cast<double>(calls[i + 1].time_us() - calls[i].time_us()) / 1000;
         EXPECT_GE(actual_ms, expected_ms - 2) << "after attempt " << i + 1;
         EXPECT_LE(actual_ms, expected_ms + kSlackMs) << "after attempt " << i + 1;
     }
@@ -227,29 +235,38 @@ TEST_P(ExchangeTest, GivesTheResultInItsTime) {
 INSTANTIATE_TEST_SUITE_P(
         Of, ExchangeTest,
         testing::Values(
-                Exchange{"Success", "answer 0\n", 60, 0, {0}},
-                Exchange{"RadiosOwnError", "answer 44\n", 60, 44, {0}},
-                Exchange{"FailingCallThatIsAnswered", "result 1\nanswer 0\n", 60, 0, {0}},
-                Exchange{"Early", "answer 3 early\n", 60, 3, {0}},
-                Exchange{"Twice", "answer 0 twice\n", 60, 0, {0}},
-                Exchange{"EarlyAndTwice", "answer 0 early twice\n", 60, 0, {0}},
-                Exchange{"Slow", "answer 0 delay=4500\n", 60, 0, {4.5}},
-                Exchange{"TooSlow", "answer 0 delay=6000\n", 60, 66, {5}},
-                Exchange{"Never", "answer none\n", 60, 66, {5}},
-                Exchange{"UnavailableTwice", "answer 1\nanswer 1\nanswer 0\n", 60, 0, {5, 5, 0}},
-                Exchange{"UnavailableThenSilent", "answer 1\nanswer none\n", 60, 66, {5, 5}},
-                Exchange{"UnavailableAndNegative", "answer 1\n", -1, 44, {}},
-                Exchange{"UnavailableFor5Seconds", "answer 1\n", 5, 1, {0}},
-                Exchange{"UnavailableFor6Seconds", "answer 1\n", 6, 1, {1, 0}},
-                Exchange{"UnavailableFor8Seconds", "answer 1\n", 8, 1, {3, 0}},
-                Exchange{"UnavailableFor20Seconds", "answer 1\n", 20, 1, {5, 5, 5, 0}}),
+                Exchange{"Success", "answer { error: 0 }", 60, 0, {0}},
+                Exchange{"RadiosOwnError", "answer { error: 44 }", 60, 44, {0}},
+                Exchange{"FailingCallThatIsAnswered", "result: 1 answer { error: 0 }", 60, 0, {0}},
+                Exchange{"Early", "answer { error: 3 early: true }", 60, 3, {0}},
+                Exchange{"Twice", "answer { error: 0 twice: true }", 60, 0, {0}},
+                Exchange{
+                        "EarlyAndTwice", "answer { error: 0 early: true twice: true }", 60, 0, {0}},
+                Exchange{"Slow", "answer { error: 0 delay_ms: 4500 }", 60, 0, {4.5}},
+                Exchange{"TooSlow", "answer { error: 0 delay_ms: 6000 }", 60, 66, {5}},
+                Exchange{"Never", "answer { none: true }", 60, 66, {5}},
+                Exchange{"UnavailableTwice",
+                         "answer { error: 1 } answer { error: 1 } answer { error: 0 }",
+                         60,
+                         0,
+                         {5, 5, 0}},
+                Exchange{"UnavailableThenSilent",
+                         "answer { error: 1 } answer { none: true }",
+                         60,
+                         66,
+                         {5, 5}},
+                Exchange{"UnavailableAndNegative", "answer { error: 1 }", -1, 44, {}},
+                Exchange{"UnavailableFor5Seconds", "answer { error: 1 }", 5, 1, {0}},
+                Exchange{"UnavailableFor6Seconds", "answer { error: 1 }", 6, 1, {1, 0}},
+                Exchange{"UnavailableFor8Seconds", "answer { error: 1 }", 8, 1, {3, 0}},
+                Exchange{"UnavailableFor20Seconds", "answer { error: 1 }", 20, 1, {5, 5, 5, 0}}),
         [](const auto& test) { return std::string(test.param.name); });
 
 class RequestTest : public RadioTestCase {};
 
 TEST_F(RequestTest, ClientIsAskedForAgainUntilThereIsOne) {
     Provide("full");
-    Behave("open null\n");
+    Behave("no_client: true");
     EXPECT_EQ(RilRequestHelper::GetInstance(), nullptr);
     RilRequestHelper::Response(kRequest, 0, nullptr, 0, 0);
     EXPECT_EQ(RilRequestHelper::GetInstance(), nullptr);
@@ -257,12 +274,12 @@ TEST_F(RequestTest, ClientIsAskedForAgainUntilThereIsOne) {
     RilRequestHelper* helper = RilRequestHelper::GetInstance();
     EXPECT_NE(helper, nullptr);
     EXPECT_EQ(RilRequestHelper::GetInstance(), helper);
-    EXPECT_THAT(CallTexts(), ElementsAre("RILC_Open", "RILC_Open", "RILC_Open", "RILC_Open"));
+    EXPECT_THAT(CallTexts(), ElementsAre(kOpenCall, kOpenCall, kOpenCall, kOpenCall));
 }
 
 TEST_F(RequestTest, BudgetOfZeroBlocksOnAnUnavailableRadio) {
     Provide("full");
-    Behave("answer 1 early\n");
+    Behave("answer { error: 1 early: true }");
     auto send = [] {
         // Longer than any other pause.
         alarm(6);
@@ -274,7 +291,7 @@ TEST_F(RequestTest, BudgetOfZeroBlocksOnAnUnavailableRadio) {
 
 TEST_F(RequestTest, LateAnswerIsTakenForThatOfTheNextRequest) {
     Provide("full");
-    Behave("answer 9 delay=5500\nanswer none\n");
+    Behave("answer { error: 9 delay_ms: 5500 } answer { none: true }");
     RilRequestHelper* helper = RilRequestHelper::GetInstance();
     EXPECT_EQ(helper->Send(1, nullptr, 0, 60), kRilInvalidResponse);
     EXPECT_EQ(helper->Send(2, nullptr, 0, 60), 9);
@@ -282,15 +299,15 @@ TEST_F(RequestTest, LateAnswerIsTakenForThatOfTheNextRequest) {
 
 TEST_F(RequestTest, SendersTakeTurns) {
     Provide("full");
-    Behave("answer 0 delay=200\n");
+    Behave("answer { error: 0 delay_ms: 200 }");
     RilRequestHelper* helper = RilRequestHelper::GetInstance();
     auto send = [helper] { EXPECT_EQ(helper->Send(kRequest, nullptr, 0, 60), 0); };
     std::thread threads[] = {std::thread(send), std::thread(send), std::thread(send)};
     for (std::thread& thread : threads) thread.join();
-    std::vector<Call> calls = Calls(kSendCall);
+    std::vector<velmar_sim::RadioCall> calls = Calls(kSendCall);
     ASSERT_THAT(calls, SizeIs(3));
     for (size_t i = 1; i < calls.size(); ++i) {
-        EXPECT_GE(calls[i].time_ms - calls[i - 1].time_ms, 198);
+        EXPECT_GE(calls[i].time_us() - calls[i - 1].time_us(), 198000);
     }
 }
 

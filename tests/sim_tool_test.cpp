@@ -546,8 +546,9 @@ TEST_F(ToolTest, VerdictsAndExitStatuses) {
     };
     const std::string log_line = "echo \"velmar E 01-02 03:04:05  1  2 one\" >&2";
     const std::string radio_calls =
-            "(echo 1 RILC_Open; echo 2 RILC_Send client=open request=226 extra=255 "
-            "data=050103000a004e00feff) > $VELMAR_PHONE_ROOT/radio_calls; sleep 60";
+            "phone { no_server: true }\n"
+            "step { write_file { path: '/radio_calls' content: 'function: \"RILC_Open\"\\n"
+            "request { request: 226 data: \"AACDEFGHIJ\" }\\n' } }\n";
     const Case cases[] = {
             {"step { running {}", 2, {"s:1:18: Expected identifier"}},
             {ShellPhone("exit 3") + "step { exit { status: 3 } }",
@@ -601,15 +602,15 @@ TEST_F(ToolTest, VerdictsAndExitStatuses) {
              "9 }",
              1,
              {"s:2: no request reached the radio within 9 ms\n  expected: request 7  61\n"}},
-            {ShellPhone(radio_calls) + "step { radio_request { request: 226 data: 'a' } }",
+            {radio_calls + "step { radio_request { request: 226 data: 'a' } }",
              1,
-             {"s:2: the request to the radio differs\n  expected: request 226  61\n  actual:   "
-              "request 226  05 01 03 00 0a 00 4e 00 fe ff  kind 5, band 3 value 10, band 78 value "
-              "-2\n",
-              "velmar -> radio  RILC_Open\n"}},
-            {ShellPhone(radio_calls) + "step { no_radio_request { for_ms: 9000 } }",
+             {"s:3: the request to the radio differs\n  expected: request 226  61\n  actual:   "
+              "request 226  41 41 43 44 45 46 47 48 49 4a  kind 65, band 17475 value 17989, band "
+              "18503 value 19017\n",
+              "velmar -> radio  RILC_Open"}},
+            {radio_calls + "step { no_radio_request { for_ms: 9000 } }",
              1,
-             {"s:2: a request reached the radio"}},
+             {"s:3: a request reached the radio"}},
             {"phone { missing_entry_point: 'RILC_Send' argument: '-c'\n"
              "argument: 'echo $LD_LIBRARY_PATH; sleep 60' }\n"
              "step { log { tag: 'stdout' matching: '/bin/../lib/ril/without_RILC_Send.*' } }",

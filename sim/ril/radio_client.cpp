@@ -1,24 +1,31 @@
 // A stand-in for the radio's client library, for a simulated phone: it talks to no radio but
-// records what it is asked for and answers as it is told (radio_layout.h).
+// records what it is asked for and responds as it is told (radio_layout.h).
 
 #include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
-#include <fstream>
-#include <iterator>
 #include <mutex>
 #include <string>
 #include <thread>
 
-#include "sim/ril/behaviour.h"
+#include "android-base/file.h"
+#include "android-base/unique_fd.h"
+#include "google/protobuf/text_format.h"
+
+#include "sim/ril/radio.pb.h"
 #include "sim/ril/radio_layout.h"
 
 namespace velmar_radio {
 
 namespace {
+
+using velmar_sim::Radio;
+using velmar_sim::RadioCall;
+using velmar_sim::RadioResponse;
 
 using ResponseCallback = void (*)(unsigned int request, int error, void* data, size_t length,
                                   unsigned int extra);
@@ -26,14 +33,13 @@ using UnsolicitedCallback = void (*)(unsigned int id, void* data, size_t length,
                                      unsigned int extra);
 
 constexpr mode_t kCallsMode = 0660;
-constexpr char kHexDigits[] = "0123456789abcdef";
 
 // Its address is the handle of every client.
 char client_handle;
 
 // A radio that was told nonsense must not look like one that works.
-[[noreturn]] void Die(const std::string& fault) {
-    (void)fprintf(stderr, "libsitril-client: %s\n", fault.c_str());
+[[noreturn]] void Die(const std::string& error) {
+    (void)fprintf(stderr, "libsitril-client: %s\n", error.c_str());
     abort();
 }
 
@@ -44,72 +50,70 @@ std::string PathOf(const char* file) {
     return std::string(root) + file;
 }
 
-std::string BehaviourText() {
-    std::ifstream stream(PathOf(kBehaviourFile), std::ios::binary);
-    return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+// The radio's text goes to `text`.
+Radio ReadRadio(std::string* text) {
+    const std::string path = PathOf(kRadioFile);
+    if (!android::base::ReadFileToString(path, text)) text->clear();
+    Radio radio;
+    // What is wrong with it is in protobuf's own message on standard error.
+    if (!google::protobuf::TextFormat::ParseFromString(*text, &radio)) {
+        Die(path + ": expected a velmar_sim.Radio in text form");
+    }
+    return radio;
 }
 
-Behaviour BehaviourFrom(const std::string& text) {
-    Behaviour behaviour;
-    std::string fault;
-    if (!ParseBehaviour(text, &behaviour, &fault)) Die(PathOf(kBehaviourFile) + ":" + fault);
-    return behaviour;
+Radio ReadRadio() {
+    std::string text;
+    return ReadRadio(&text);
 }
 
-void Record(const std::string& call) {
+RadioCall NewCall(const char* function) {
+    RadioCall call;
     const auto now = std::chrono::steady_clock::now().time_since_epoch();
-    const auto time = std::chrono::duration_cast<std::chrono::milliseconds>(now);
-    const std::string line = std::to_string(time.count()) + " " + call + "\n";
+    call.set_time_us(std::chrono::duration_cast<std::chrono::microseconds>(now).count());
+    call.set_function(function);
+    return call;
+}
+
+RadioCall NewCall(const char* function, const void* client) {
+    RadioCall call = NewCall(function);
+    const char* opened = client == &client_handle ? "open" : "unknown";
+    call.set_client(client == nullptr ? "null" : opened);
+    return call;
+}
+
+void Record(const RadioCall& call) {
+    const std::string line = call.ShortDebugString() + "\n";
     const std::string path = PathOf(kCallsFile);
-    const int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, kCallsMode);
+    const android::base::unique_fd fd(
+            open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, kCallsMode));
     if (fd < 0 || write(fd, line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
         Die("cannot write " + path);
     }
-    close(fd);
 }
 
-std::string Client(const void* handle) {
-    if (handle == nullptr) return " client=null";
-    return handle == &client_handle ? " client=open" : " client=unknown";
-}
-
-std::string Hex(const void* data, size_t length) {
-    if (data == nullptr) return "null";
-    std::string text;
-    for (size_t i = 0; i < length; ++i) {
-        const unsigned char byte = static_cast<const unsigned char*>(data)[i];
-        text += {kHexDigits[byte >> 4], kHexDigits[byte & 0xF]};
-    }
-    return text;
-}
-
-std::string Numbers(const int* numbers, size_t size) {
-    if (numbers == nullptr) return "null";
-    std::string text;
-    for (size_t i = 0; i < size; ++i) text += (i == 0 ? "" : ",") + std::to_string(numbers[i]);
-    return text;
-}
-
-void* Open(const std::string& call) {
+void* Open(const RadioCall& call) {
     Record(call);
-    return BehaviourFrom(BehaviourText()).opens ? &client_handle : nullptr;
+    return ReadRadio().no_client() ? nullptr : &client_handle;
 }
 
-int Call(const std::string& call) {
+int RecordAndReturn(const RadioCall& call) {
     Record(call);
-    return BehaviourFrom(BehaviourText()).result;
+    return ReadRadio().result();
 }
 
-// The answer to the next request.
-Answer NextAnswer() {
+// The response to the next request.
+RadioResponse NextResponse() {
     static std::mutex lock;
     static auto* seen = new std::string;
-    static size_t requests = 0;
+    static int requests = 0;
     const std::lock_guard<std::mutex> guard(lock);
-    const std::string text = BehaviourText();
+    std::string text;
+    const Radio radio = ReadRadio(&text);
     if (text != *seen) requests = 0;
     *seen = text;
-    return AnswerTo(BehaviourFrom(text), requests++);
+    const int index = std::min(requests++, radio.answer_size() - 1);
+    return index < 0 ? RadioResponse() : radio.answer(index);
 }
 
 }  // namespace
@@ -117,39 +121,45 @@ Answer NextAnswer() {
 extern "C" {
 
 void* RILC_Open() {
-    return Open("RILC_Open");
+    return Open(NewCall("RILC_Open"));
 }
 
 void* RILC_OpenV2(const char* name) {
-    return Open(std::string("RILC_OpenV2 name=") + (name == nullptr ? "null" : name));
+    RadioCall call = NewCall("RILC_OpenV2");
+    if (name != nullptr) call.set_name(name);
+    return Open(call);
 }
 
 int RILC_Close(void* client) {
-    return Call("RILC_Close" + Client(client));
+    return RecordAndReturn(NewCall("RILC_Close", client));
 }
 
 int RILC_Reconnect(void* client) {
-    return Call("RILC_Reconnect" + Client(client));
+    return RecordAndReturn(NewCall("RILC_Reconnect", client));
 }
 
 int RILC_RegisterUnsolicitedHandler(void* client, UnsolicitedCallback handler) {
-    return Call("RILC_RegisterUnsolicitedHandler" + Client(client) +
-                " handler=" + (handler == nullptr ? "null" : "set"));
+    RadioCall call = NewCall("RILC_RegisterUnsolicitedHandler", client);
+    call.set_has_handler(handler != nullptr);
+    return RecordAndReturn(call);
 }
 
 int RILC_Send(void* client, unsigned int request, void* data, size_t length,
               ResponseCallback callback, unsigned int extra) {
-    const int result = Call("RILC_Send" + Client(client) + " request=" + std::to_string(request) +
-                            " extra=" + std::to_string(extra) + " data=" + Hex(data, length));
-    const Answer answer = NextAnswer();
-    if (callback == nullptr || !answer.comes) return result;
+    RadioCall call = NewCall("RILC_Send", client);
+    call.mutable_request()->set_request(request);
+    if (data != nullptr) call.mutable_request()->set_data(data, length);
+    call.set_extra(extra);
+    const int result = RecordAndReturn(call);
+    const RadioResponse response = NextResponse();
+    if (callback == nullptr || response.none()) return result;
     const auto respond = [=] {
-        std::this_thread::sleep_for(answer.delay);
-        for (int times = answer.twice ? 2 : 1; times > 0; --times) {
-            callback(request, answer.error, nullptr, 0, extra);
+        std::this_thread::sleep_for(std::chrono::milliseconds(response.delay_ms()));
+        for (int times = response.twice() ? 2 : 1; times > 0; --times) {
+            callback(request, response.error(), nullptr, 0, extra);
         }
     };
-    if (answer.early) {
+    if (response.early()) {
         respond();
     } else {
         std::thread(respond).detach();
@@ -158,7 +168,9 @@ int RILC_Send(void* client, unsigned int request, void* data, size_t length,
 }
 
 int RILC_SetIndicationFilter(void* client, int* filter, size_t size) {
-    return Call("RILC_SetIndicationFilter" + Client(client) + " filter=" + Numbers(filter, size));
+    RadioCall call = NewCall("RILC_SetIndicationFilter", client);
+    if (filter != nullptr) call.mutable_filter()->Add(filter, filter + size);
+    return RecordAndReturn(call);
 }
 
 }  // extern "C"

@@ -1,10 +1,11 @@
 #include "sim/tool/simulated_radio.h"
 
-#include <charconv>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <stdexcept>
 #include <thread>
+
+#include "google/protobuf/text_format.h"
 
 #include "sim/ril/radio_layout.h"
 #include "sim/tool/message_text.h"
@@ -13,44 +14,15 @@ namespace velmar_sim {
 
 namespace {
 
+using google::protobuf::TextFormat;
 using std::chrono::milliseconds;
 
-constexpr char kUnfinishedBehaviour[] = "/unfinished_radio";
-constexpr char kSendCall[] = "RILC_Send";
+constexpr char kUnfinishedRadio[] = "/unfinished_radio";
 // Between two looks at the list of calls.
 constexpr milliseconds kPollInterval{2};
-constexpr int kHexBase = 16;
 
 constexpr unsigned int kGnssEntryRequest = 226;
 constexpr size_t kGnssEntrySize = 10;
-
-std::string AnswerLine(const RadioResponse& answer) {
-    if (answer.none()) return "answer none\n";
-    std::string line = "answer " + std::to_string(answer.error());
-    if (answer.early()) line += " early";
-    if (answer.twice()) line += " twice";
-    if (answer.has_delay_ms()) line += " delay=" + std::to_string(answer.delay_ms());
-    return line + "\n";
-}
-
-std::string FromHex(const std::string& digits) {
-    std::string bytes;
-    for (size_t at = 0; at + 1 < digits.size(); at += 2) {
-        unsigned char byte = 0;
-        std::from_chars(&digits[at], &digits[at] + 2, byte, kHexBase);
-        bytes += static_cast<char>(byte);
-    }
-    return bytes;
-}
-
-// The value of "NAME=VALUE" among the words of a call.
-std::string ValueOf(const std::string& call, const std::string& name) {
-    std::istringstream words(call);
-    for (std::string word; words >> word;) {
-        if (word.compare(0, name.size() + 1, name + "=") == 0) return word.substr(name.size() + 1);
-    }
-    return "";
-}
 
 // The signed little-endian number of 16 bits at `offset`.
 std::string NumberAt(const std::string& bytes, size_t offset) {
@@ -70,26 +42,22 @@ std::string DescribeRadioRequest(const RadioRequest& request) {
 }
 
 void SimulatedRadio::Behave(const Radio& radio) const {
-    std::string text = radio.no_client() ? "open null\n" : "";
-    for (const RadioResponse& answer : radio.answer()) text += AnswerLine(answer);
-    folder.WriteFile(kUnfinishedBehaviour, text);
-    std::filesystem::rename(folder.HostPath(kUnfinishedBehaviour),
-                            folder.HostPath(velmar_radio::kBehaviourFile));
+    folder.WriteFile(kUnfinishedRadio, radio.DebugString());
+    std::filesystem::rename(folder.HostPath(kUnfinishedRadio),
+                            folder.HostPath(velmar_radio::kRadioFile));
 }
 
-void SimulatedRadio::OnCall(const std::string& line) {
-    std::istringstream words(line);
-    long long time_ms = 0;
-    std::string name;
-    words >> time_ms >> name;
-    Event event = {Event::Kind::kRadio, line.substr(line.find(name))};
-    event.time = Clock::time_point(milliseconds(time_ms));
-    if (name == kSendCall) {
-        RadioRequest request;
-        request.set_request(static_cast<uint32_t>(std::stoul(ValueOf(line, "request"))));
-        request.set_data(FromHex(ValueOf(line, "data")));
-        requests.push_back(request);
-        event.text = DescribeRadioRequest(request);
+void SimulatedRadio::OnCall(RadioCall call) {
+    Event event = {Event::Kind::kRadio};
+    event.time = Clock::time_point(std::chrono::microseconds(call.time_us()));
+    if (call.has_request()) {
+        requests.push_back(call.request());
+        event.text = DescribeRadioRequest(call.request());
+    } else {
+        event.text = call.function() + " ";
+        call.clear_time_us();
+        call.clear_function();
+        event.text += ShortText(call);
     }
     events->Emit(event);
 }
@@ -99,7 +67,11 @@ void SimulatedRadio::Look() {
     calls.seekg(position);
     for (std::string line; std::getline(calls, line);) {
         position += static_cast<std::streamoff>(line.size() + 1);
-        OnCall(line);
+        RadioCall call;
+        if (!TextFormat::ParseFromString(line, &call)) {
+            throw std::runtime_error("the radio's library wrote \"" + line + "\", expected a call");
+        }
+        OnCall(call);
     }
 }
 

@@ -37,7 +37,7 @@ class SimulatedRadio {
     static std::optional<std::string> LibraryFolder(const Phone& description);
 
   private:
-    void OnCall(const std::string& line);
+    void OnCall(RadioCall call);
 
     const PhoneFolder& folder;
     EventStream* const events;
