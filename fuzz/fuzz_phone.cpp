@@ -6,143 +6,234 @@
 #include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <iterator>
 #include <memory>
+#include <optional>
+#include <set>
+#include <sstream>
 
-#include "fuzz_failure.h"
+#include "android-base/file.h"
+#include "android-base/stringprintf.h"
+
+#include "handler/velmar_message_handler.h"
+#include "require.h"
 #include "sim/modem/device_socket.h"
-#include "sim/phone/phone_state.h"
+#include "sim/modem/phone_folder.h"
 
 using android::base::unique_fd;
-
-// The service's clock stands still: what it writes depends on its input alone.
-extern "C" int gettimeofday(timeval* now, void* /*zone*/) noexcept {
-    *now = {1700000000, 123456};
-    return 0;
-}
+using velmar_message::VelmarMessage;
 
 namespace {
 
-constexpr char kPhoneName[] = "/phone";
+namespace fs = std::filesystem;
 
-std::string& LastLogLine() {
-    static std::string line;
-    return line;
+// The umask of the process, which must not show in the modes of files.
+constexpr mode_t kUmask = 077;
+constexpr size_t kMaxResponse = 4096;
+
+// All that is in a phone, each file and directory as "MODE PATH CONTENT".
+using Files = std::set<std::string>;
+
+// Files that begin so may come and go as the modem pleases.
+constexpr const char* kWritable[] = {
+        "100664 /data/vendor/radio/modem_temp_file/",
+        "100666 /data/vendor/radio/mds/",
+        "100666 /mnt/vendor/modem_userdata/replay/",
+        "100664 /data/vendor/radio/extended_logs/extended_log_",
+        "100664 /data/vendor/modem_stat/debug.txt",
+        "100660 /sys/devices/platform/cp-tm1/cp_temp",
+        "100660 /properties/",
+        "100644 /properties/",
+};
+
+constexpr char kTransferred[] = "/data/vendor/radio/mds/f";
+constexpr char kTransfer[] = "1 0 8 f contents";
+constexpr uint32_t kToken = 9;
+
+bool IsWritable(const std::string& file) {
+    return std::any_of(std::begin(kWritable), std::end(kWritable),
+                       [&](const char* begin) { return file.rfind(begin, 0) == 0; });
 }
 
-void KeepLogLine(const __android_logger_data* data, const char* line) {
-    LastLogLine().assign(1, static_cast<char>('0' + data->priority)).append(" ").append(line);
+Files ReadFiles(const std::string& root) {
+    Files files;
+    for (const auto& entry : fs::recursive_directory_iterator(root)) {
+        const std::string& path = entry.path().native();
+        struct stat status = {};
+        std::string content;
+        lstat(path.c_str(), &status);
+        android::base::ReadFileToString(path, &content);
+        files.insert(android::base::StringPrintf("%o ", status.st_mode) + path.substr(root.size()) +
+                     " " + content);
+    }
+    return files;
 }
 
-// Has the boot device open, without the thread that follows it.
 class OpenMonitor : public ModemStateMonitor {
   public:
     explicit OpenMonitor(VelmarMessageHandler* message_handler)
         : ModemStateMonitor(message_handler) {
         boot_fd = open(velmar_phone::kBootDevice, O_RDWR | O_CLOEXEC);
-        if (GetModemState() != kModemStateOnline) FailFuzzing("the modem is not online");
     }
 };
 
-// What the phone holds at boot beside its directories.
-void FillPhone(const velmar_sim::PhoneFolder& folder) {
-    velmar_phone::PhoneState state = {};
-    state.boot_state = kModemStateOnline;
-    folder.WriteFile(velmar_phone::kStateFile,
-                     std::string(reinterpret_cast<const char*>(&state), sizeof(state)));
-    folder.SetProperty("a.set", "on");
-    folder.SetProperty("a.empty", "");
-    folder.RefuseProperty("a.refused");
-    folder.WriteFile("/vendor/etc/modem_stat.conf", "vendor:v=1");
-}
-
-}  // namespace
-
-FuzzHandler::FuzzHandler() {
-    state_monitor = std::make_unique<OpenMonitor>(this);
-    io_handler = std::make_unique<SitIoHandler>(this);
-    service_handler = std::make_unique<VelmarServiceHandler>(this);
-    request_list = new RequestList();
-    ResetRequests();
-}
-
-int FuzzHandler::SendRequest(SitMessage* message, unsigned int /*timeout_seconds*/) {
-    requests.push_back(*message->GetVelmarMessage());
-    return kStatusTimeout;
-}
-
-void FuzzHandler::ResetRequests() {
-    requests.clear();
-    request_list.load()->CleanRecord();
-    for (const uint32_t token : kOutstandingTokens) {
-        RequestRecord record(token);
-        request_list.load()->AddRecord(&record);
+// All parts of the service but its threads, and a few requests outstanding.
+class FuzzHandler : public VelmarMessageHandler {
+  public:
+    FuzzHandler() {
+        state_monitor = std::make_unique<OpenMonitor>(this);
+        io_handler = std::make_unique<SitIoHandler>(this);
+        service_handler = std::make_unique<VelmarServiceHandler>(this);
+        request_list = new RequestList();
+        for (unsigned int token = 0; token < 4; ++token) {
+            RequestRecord record(token);
+            request_list.load()->AddRecord(&record);
+        }
     }
-}
 
-FuzzPhone& FuzzPhone::Get() {
+    // Keeps the request instead of sending it.
+    int SendRequest(SitMessage* message, unsigned int /*timeout_seconds*/) override {
+        const VelmarMessage& request = *message->GetVelmarMessage();
+        Require(request.type() == velmar_message::REQUEST && request.has_token() &&
+                        request.has_message_id() && !request.has_result(),
+                "not the header of a request");
+        Require(requests.empty() || requests.back().token() != request.token(), "the token again");
+        requests.push_back(request);
+        return kStatusTimeout;
+    }
+
+    std::vector<VelmarMessage> requests;
+};
+
+// The phone and the service in it. Nothing else lies in the folder that holds the phone's own.
+class FuzzPhone {
+  public:
+    FuzzPhone() {
+        __android_log_set_logger([](const __android_logger_data*, const char*) {});
+        google::protobuf::SetLogHandler(nullptr);
+        umask(kUmask);
+        Fill();
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): there is one thread.
+        setenv(velmar_phone::kRootVariable, root.c_str(), 1);
+        const unique_fd boot = velmar_sim::ListenAt(root + velmar_phone::kBootDevice);
+        const unique_fd listener = velmar_sim::ListenAt(root + velmar_phone::kChannelDevice);
+        service = new FuzzHandler();
+        // The first response opens the channel. What is open stays so without the devices' files.
+        Receive(transfer);
+        channel.reset(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
+        char response[kMaxResponse];
+        Require(recv(channel, response, kMaxResponse, 0) > 0, "no response at first");
+        Fill();
+        files_at_boot = ReadFiles(root);
+    }
+
+    void Deliver(const std::vector<std::string>& messages) {
+        bool has_slash = false;
+        for (const std::string& message : messages) {
+            Receive(message);
+            has_slash |= message.find('/') != std::string::npos;
+        }
+        // Whatever has come before, a transfer from offset 0 succeeds.
+        Receive(transfer);
+        Require(folder->ReadFile(kTransferred) == "contents" && folder->Mode(kTransferred) == 0666,
+                "not stored whole with the mode 0666:", kTransferred);
+        folder->Remove(kTransferred);
+        CheckFiles(has_slash);
+    }
+
+    std::optional<velmar_sim::PhoneFolder> folder;
+    // Never freed: the process has it for life, as the real one has.
+    FuzzHandler* service = nullptr;
+
+  private:
+    void Fill() {
+        fs::remove_all(root);
+        folder.emplace(root);
+        folder->MapState()->boot_state = kModemStateOnline;
+        folder->SetProperty("a.set", "on");
+        folder->RefuseProperty("a.refused");
+    }
+
+    void Receive(const std::string& bytes) const {
+        VelmarMessage message;
+        // What is decoded before an error stays, for the service too.
+        (void)message.ParseFromString(bytes);
+        // The service deliberately never frees a message of no type, and does nothing with it.
+        if (message.type() == velmar_message::UNKNOWN_TYPE) return;
+        // Of its exact size, so that AddressSanitizer sees what is read behind it.
+        std::vector<char> received(bytes.begin(), bytes.end());
+        received.shrink_to_fit();
+        const int status = service->ProcessReceivedMessage(received.data(), received.size());
+        Require(status >= kStatusSuccess && status <= kStatusRefused && status != 6, "no status");
+        char buffer[kMaxResponse];
+        int size;
+        for (int n = 0; (size = recv(channel, buffer, kMaxResponse, MSG_DONTWAIT)) > 0; ++n) {
+            VelmarMessage response;
+            Require(n == 0, "more than one response");
+            Require(response.ParseFromArray(buffer, size) &&
+                            message.type() == velmar_message::REQUEST &&
+                            response.type() == velmar_message::RESPONSE &&
+                            response.has_token() == message.has_token() &&
+                            response.token() == message.token() &&
+                            response.message_id() == message.payload_case() &&
+                            response.payload_case() == message.payload_case(),
+                    "not the response to the message");
+        }
+    }
+
+    // A name without a '/' leads into no other directory; one with it can even close a directory.
+    void CheckFiles(bool has_slash) {
+        if (has_slash) chmod((root + "/mnt/vendor/modem_userdata").c_str(), S_IRWXU | S_IRWXG);
+        Require(std::distance(fs::directory_iterator(parent.path()), {}) == 1, "outside the phone");
+        const Files files = ReadFiles(root);
+        std::vector<std::string> changed;
+        std::set_symmetric_difference(files.begin(), files.end(), files_at_boot.begin(),
+                                      files_at_boot.end(), std::back_inserter(changed));
+        for (const std::string& file : changed) {
+            Require(has_slash || IsWritable(file), "changed, or has a wrong mode:", file);
+        }
+        if (!changed.empty()) Fill();
+    }
+
+    const velmar_sim::TemporaryFolder parent;
+    const std::string root = parent.path() + "/phone";
+    Files files_at_boot;
+    unique_fd channel;
+    const std::string transfer = EncodeChunk(kTransfer);
+};
+
+FuzzPhone& Phone() {
     static FuzzPhone phone;
     return phone;
 }
 
-FuzzPhone::FuzzPhone() : phone_folder(parent_folder.path() + kPhoneName) {
-    __android_log_set_logger(KeepLogLine);
-    __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
-    google::protobuf::SetLogHandler(nullptr);
-    FillPhone(phone_folder);
-    boot_listener = velmar_sim::ListenAt(phone_folder.HostPath(velmar_phone::kBootDevice));
-    const unique_fd channel_listener =
-            velmar_sim::ListenAt(phone_folder.HostPath(velmar_phone::kChannelDevice));
-    umask(kUmask);
-    // NOLINTBEGIN(concurrency-mt-unsafe): there is one thread.
-    setenv(velmar_phone::kRootVariable, phone_folder.root().c_str(), 1);
-    setenv("TZ", "UTC", 1);
-    // NOLINTEND(concurrency-mt-unsafe)
-    service = new FuzzHandler();
-    // The service opens its channel at its first answer.
-    Deliver(std::string("\x08\x01\x52\x02\x0A\x00", 6));
-    channel.reset(accept4(channel_listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
-    if (TakeAnswers().size() != 1) FailFuzzing("the service does not answer at first");
-    files_at_boot = ReadFiles();
-    Reset(files_at_boot);
+}  // namespace
+
+std::string EncodeChunk(const std::string& line) {
+    VelmarMessage message;
+    message.set_type(velmar_message::REQUEST);
+    message.set_token(kToken);
+    auto* write = message.mutable_file_message()->mutable_file_write_request();
+    uint32_t numbers[3] = {};
+    std::istringstream(line) >> numbers[0] >> numbers[1] >> numbers[2] >>
+            *write->mutable_file_name() >> *write->mutable_data();
+    write->set_file_dir(static_cast<velmar_message::FileDirectory>(numbers[0] % 4));
+    write->set_offset(numbers[1]);
+    write->set_max_data_size(numbers[2]);
+    return message.SerializeAsString();
 }
 
-int FuzzPhone::Deliver(const std::string& bytes) {
-    // Of its exact size, so that AddressSanitizer sees what is read behind it.
-    std::vector<char> received(bytes.begin(), bytes.end());
-    received.shrink_to_fit();
-    SitMessage decoded(received.data(), static_cast<int>(received.size()));
-    // The service deliberately never frees a message of no type, and does nothing with it.
-    if (decoded.GetType() == velmar_message::UNKNOWN_TYPE) return kStatusUnsupported;
-    return service->ProcessReceivedMessage(received.data(), received.size());
+void DeliverToService(const std::vector<std::string>& messages) {
+    Phone().Deliver(messages);
 }
 
-std::vector<std::string> FuzzPhone::TakeAnswers() {
-    // More than the service ever writes at once.
-    static std::vector<char> buffer(1 << 17);
-    std::vector<std::string> answers;
-    while (true) {
-        const ssize_t size = recv(channel.get(), buffer.data(), buffer.size(), MSG_DONTWAIT);
-        if (size < 1) return answers;
-        answers.emplace_back(buffer.data(), size);
-    }
-}
-
-const std::string& FuzzPhone::last_log_line() const {
-    return LastLogLine();
-}
-
-FileTree FuzzPhone::ReadFiles() const {
-    using std::filesystem::directory_iterator;
-    if (std::distance(directory_iterator(parent_folder.path()), directory_iterator()) != 1) {
-        FailFuzzing("the service changed something outside the phone, in " + parent_folder.path());
-    }
-    return ReadTree(phone_folder.root(), files_at_boot);
-}
-
-void FuzzPhone::Reset(const FileTree& now) {
-    RestoreTree(phone_folder.root(), now, files_at_boot);
-    service->ResetRequests();
+std::vector<VelmarMessage> RequestsFor(const std::string& path, const std::string& content,
+                                       unsigned int command) {
+    Phone().folder->WriteFile(path, content);
+    Phone().service->requests.clear();
+    Require(Phone().service->SendServiceRequest(command) == kStatusSuccess, "the command failed");
+    return Phone().service->requests;
 }
