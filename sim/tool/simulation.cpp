@@ -47,8 +47,7 @@ Simulation::Simulation(const Phone& description, const std::string& velmar, Phon
     if (description.modem_state() != 0) simulated_modem.SetState(description.modem_state());
 }
 
-std::unique_ptr<ChildProcess> Simulation::Start(const std::vector<std::string>& arguments,
-                                                std::string* output) {
+Launch Simulation::LaunchOf(const std::vector<std::string>& arguments) const {
     Launch launch;
     launch.executable = executable;
     launch.arguments = {kProgramName};
@@ -56,6 +55,12 @@ std::unique_ptr<ChildProcess> Simulation::Start(const std::vector<std::string>& 
     launch.variables = {std::string(velmar_phone::kRootVariable) + "=" + phone_folder.root()};
     if (radio_library) launch.variables.push_back(LibraryPathVariable());
     launch.umask = umask_of_programs;
+    return launch;
+}
+
+std::unique_ptr<ChildProcess> Simulation::Start(const std::vector<std::string>& arguments,
+                                                std::string* output) {
+    const Launch launch = LaunchOf(arguments);
     std::string line;
     for (const std::string& word : launch.arguments) line += (line.empty() ? "" : " ") + word;
     events->EmitText("run " + line);

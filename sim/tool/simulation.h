@@ -27,6 +27,9 @@ class Simulation {
     Simulation(const Phone& description, const std::string& velmar, PhoneFolder phone_folder,
                EventStream* events);
 
+    // How Start starts the service's program, for those who read what it writes by themselves.
+    Launch LaunchOf(const std::vector<std::string>& arguments) const;
+
     // Starts the service's program with `arguments`. What it writes to standard output goes to
     // `output`, to be read after its end, or with a null `output` to the log.
     std::unique_ptr<ChildProcess> Start(const std::vector<std::string>& arguments,
