@@ -43,7 +43,7 @@ trap 'kill $lint 2>/dev/null || true' EXIT
 run_tests release
 run_tests aarch64
 run_tests asan
-build/release/bin/velmar_soak
+build/release/bin/soak_test
 wait "$lint"
 scripts/fuzz.sh all 20
 run_tests tsan
