@@ -1,11 +1,10 @@
 // The processes that the service is measured against. They link what it links.
 //   velmar_bare idle   does nothing
-//   velmar_bare fixed  answers each message with the same bytes
+//   velmar_bare fixed  responds to each message with the same bytes
 //   velmar_bare serve  does for each message what cannot be left out
 
 #include <fcntl.h>
 #include <stdio.h>
-#include <string.h>
 #include <sys/ioctl.h>
 #include <sys/select.h>
 #include <unistd.h>
@@ -13,57 +12,43 @@
 #include <string>
 
 #include "bench/bare_service.h"
-#include "bench/messages.h"
-
-namespace velmar_bench {
 
 namespace {
 
 constexpr int kBufferSize = 65568;
+// The property with token 7 is not set.
+constexpr char kResponse[] = "\x08\x02\x10\x07\x18\x07\x20\x07\x3a\x04\x12\x02\x0a\x00";
 constexpr unsigned int kGetModemState = 0x6F27;
 
 // Waits for each message and reads it as the service does.
-template <typename Handler>
-void ReadMessages(int boot, int channel, const Handler& handle) {
+int Serve(int boot, int channel, bool is_fixed) {
     static char buffer[kBufferSize];
     while (ioctl(boot, kGetModemState) >= 0) {
         fd_set readable;
         FD_ZERO(&readable);
         FD_SET(channel, &readable);
-        if (select(channel + 1, &readable, nullptr, nullptr, nullptr) < 1) return;
+        if (select(channel + 1, &readable, nullptr, nullptr, nullptr) < 1) break;
         const ssize_t length = read(channel, buffer, sizeof(buffer));
-        if (length < 1) return;
-        handle(buffer, static_cast<int>(length));
+        if (length < 1) break;
+        if (!is_fixed) {
+            velmar_bench::HandleBare(channel, buffer, static_cast<int>(length));
+        } else if (write(channel, kResponse, sizeof(kResponse) - 1) < 0) {
+            break;
+        }
     }
-}
-
-int Run(const std::string& mode) {
-    if (mode == "idle") pause();
-    const int boot = open("/dev/umts_boot0", O_RDWR);
-    const int channel = open("/dev/oem_ipc1", O_RDWR);
-    if (boot < 0 || channel < 0) {
-        perror("velmar_bare: a device cannot be opened");
-        return 1;
-    }
-    if (mode == "serve") {
-        const BareService service(channel);
-        ReadMessages(boot, channel,
-                     [&](const char* data, int length) { service.Handle(data, length); });
-    } else {
-        const std::string answer = AnswerToAbsentPropertyRead().SerializeAsString();
-        ReadMessages(boot, channel, [&](const char*, int) {
-            [[maybe_unused]] const ssize_t sent = write(channel, answer.data(), answer.size());
-        });
-    }
-    return 0;
+    perror("velmar_bare");
+    return 1;
 }
 
 }  // namespace
 
-}  // namespace velmar_bench
-
 int main(int argc, char** argv) {
-    if (argc == 2) return velmar_bench::Run(argv[1]);
+    const std::string mode = argc == 2 ? argv[1] : "";
+    if (mode == "idle") return pause();
+    if (mode == "fixed" || mode == "serve") {
+        return Serve(open("/dev/umts_boot0", O_RDWR), open("/dev/oem_ipc1", O_RDWR),
+                     mode == "fixed");
+    }
     (void)fputs("velmar_bare: expected one argument: idle, fixed or serve\n", stderr);
     return 2;
 }

@@ -21,4 +21,4 @@ done
 # All on one processor: how fast one wakes another is not the service's doing.
 processors=$(taskset -cp $$)
 exec taskset -c "${processors##*[ ,-]}" build/release/bin/velmar_bench \
-    --velmar "$stripped/velmar" --bare "$stripped/velmar_bare" "$@"
+    --programs "$stripped" "$@"

@@ -12,7 +12,7 @@ packages=(
     protobuf-compiler libprotobuf-dev
     android-liblog-dev android-libbase-dev
     libcli11-dev
-    libgmock-dev libgtest-dev libbenchmark-dev
+    libgmock-dev libgtest-dev
     strace
 )
 case "${1:-build}" in
