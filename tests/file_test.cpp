@@ -1,3 +1,4 @@
+#include <android-base/stringprintf.h>
 #include <errno.h>
 #include <sys/stat.h>
 
@@ -5,309 +6,225 @@
 #include <vector>
 
 #include "phone_test_case.h"
-#include "service/payload_messages.h"
-#include "service/velmar_service_handler.h"
 
-using testing::ElementsAre;
-using testing::IsEmpty;
-using velmar_sim::kUnfinishedFiles;
+using android::base::StringPrintf;
+using testing::EndsWith;
+using testing::Mock;
+using testing::Return;
+using velmar_sim::FaultRule;
 
 namespace {
 
+constexpr char kTempDirectory[] = "/data/vendor/radio/modem_temp_file/";
 constexpr char kTempFile[] = "/data/vendor/radio/modem_temp_file/f";
+constexpr char kMdsDirectory[] = "/data/vendor/radio/mds/";
+constexpr char kTarget[] = "/data/vendor/radio/mds/f";
+constexpr char kRadioFiles[] = "/data/vendor/radio/*";
 
-// Keeps the responses instead of sending them, and says that they could not be sent.
-class Refuser : public TestHandler {
-  public:
-    int SendResponse(SitMessage* message) override {
-        responses.push_back(message->GetVelmarMessage()->ShortDebugString());
-        return kStatusWriteFailed;
-    }
-    std::vector<std::string> responses;
+// What the modem is told.
+constexpr char kStored[] = "SUCCESS FILE_RESULT_DEFAULT";
+constexpr char kFailed[] = "FAILURE FILE_RESULT_DEFAULT";
+constexpr char kBadDirectory[] = "FAILURE FILE_RESULT_BAD_DIRECTORY";
+constexpr char kBadOffset[] = "FAILURE FILE_RESULT_BAD_OFFSET";
+
+constexpr char kAppended[] = "I size: 0x2";
+constexpr char kMoved[] = "E Moved file into target path";
+
+// Files are told by mode and content.
+constexpr char kNone[] = "none";
+// What an earlier transfer has left in the target.
+constexpr char kEarlier[] = "600 earlier";
+
+FaultRule Fault(const char* call, const char* path, int error, int times = 1, int skip = 0) {
+    return {call, path, error, 0, times, skip};
+}
+
+FaultRule NoFault() {
+    return {};
+}
+
+// A chunk and all that comes of it.
+struct Case {
+    const char* what;
+    FaultRule fault;
+    // What earlier chunks have left in the temporary file; null for no such file.
+    const char* gathered;
+    const char* data;
+    unsigned int offset;
+    unsigned int max_data_size;
+    const char* response;
+    // The last line that is logged.
+    const char* line;
+    const char* temp_after;
+    const char* target_after;
 };
 
-class FileTest : public PhoneTestCase {
+// Where the lines of an indication differ from those of a request.
+std::string LineOfIndication(const std::string& line) {
+    const std::string failed_to_open = "E Failed to open ";
+    if (line == kMoved) return "E Move file into target path done";
+    if (line.find(failed_to_open) != 0) return line;
+    return "E Fail to open " + line.substr(failed_to_open.size());
+}
+
+std::string Fields(const std::string& directory, const std::string& data, unsigned int offset,
+                   unsigned int max_data_size) {
+    return "file_name: 'f' file_dir: FILE_DIRECTORY_" + directory + " data: '" + data +
+           "' offset: " + std::to_string(offset) +
+           " max_data_size: " + std::to_string(max_data_size);
+}
+
+std::string AsRequest(const std::string& fields) {
+    return "token: 3 file_message { file_write_request { " + fields + " } }";
+}
+
+std::string AsIndication(const std::string& fields) {
+    return "file_message { file_write_indication { " + fields + " } }";
+}
+
+class FileTest : public ServiceTestCase {
   protected:
-    int Request(const std::string& fields) {
-        return service.OnReceiveFileWriteRequest(
-                Receive("type: REQUEST token: 3 file_message { file_write_request { " + fields +
-                        " } }")
-                        .get());
+    // No file's mode may depend on it but that of a file that is being written.
+    FileTest() { umask(077); }
+
+    // A response that cannot be sent is told apart from a chunk that could not be stored.
+    void ExpectResponse(const std::string& outcome) {
+        const size_t blank = outcome.find(' ');
+        EXPECT_CALL(handler,
+                    SendResponse(IsMessage("type: RESPONSE message_id: 9 token: 3 result: " +
+                                           outcome.substr(0, blank) +
+                                           " file_message { file_write_response { file_result:" +
+                                           outcome.substr(blank) + " } }")))
+                .WillOnce(Return(kStatusWriteFailed));
     }
 
-    int Indicate(const std::string& fields) {
-        return service.OnReceiveFileWriteIndication(
-                Receive("type: INDICATION file_message { file_write_indication { " + fields +
-                        " } }")
-                        .get());
-    }
-
-    // A phone without files of earlier transfers.
-    void Reset() {
+    void Arrange(const Case& row) {
         injector.Clear();
-        for (const char* directory : {kUnfinishedFiles, velmar_sim::kMdsFiles}) {
-            folder.Remove(directory);
-            folder.MakeDirectories(directory);
-        }
-        handler.responses.clear();
+        folder.Remove(kTempFile);
+        if (row.gathered != nullptr) folder.WriteFile(kTempFile, row.gathered, 0600);
+        folder.WriteFile(kTarget, "earlier", 0600);
+        if (!row.fault.call.empty()) injector.Add(row.fault);
     }
 
-    Refuser handler;
-    VelmarServiceHandler service{&handler};
+    void ExpectLineAndFiles(const Case& row, const std::string& line) {
+        Mock::VerifyAndClearExpectations(&handler);
+        EXPECT_THAT(log.TakeLines(), EndsWith("; " + line));
+        EXPECT_EQ(File(kTempFile), row.temp_after);
+        EXPECT_EQ(File(kTarget), row.target_after);
+    }
+
+    std::string File(const char* path) {
+        const auto content = folder.ReadFile(path);
+        return content ? StringPrintf("%o %s", *folder.Mode(path), content->c_str()) : kNone;
+    }
 };
 
-std::string Answer(const std::string& result, const std::string& file_result) {
-    return "type: RESPONSE message_id: 9 token: 3 result: " + result +
-           " file_message { file_write_response { file_result: " + file_result + " } }";
-}
-
-mode_t Umask() {
-    const mode_t now = umask(0);
-    umask(now);
-    return now;
-}
-
-TEST_F(FileTest, ChunksGiveTheirStatusAnswerAndLastLineAndKeepTheUmask) {
-    const std::string stored = Answer("SUCCESS", "FILE_RESULT_DEFAULT");
-    const std::string failed = Answer("FAILURE", "FILE_RESULT_DEFAULT");
-    const std::string bad_offset = Answer("FAILURE", "FILE_RESULT_BAD_OFFSET");
-    const std::string bad_directory = Answer("FAILURE", "FILE_RESULT_BAD_DIRECTORY");
-    struct Case {
-        const char* what;
-        std::vector<velmar_sim::FaultRule> faults;
-        // A directory that is missing.
-        const char* missing;
-        // What an earlier chunk has left; null for no file.
-        const char* gathered;
-        const char* fields;
-        std::string answer;
-        const char* request_line;
-        // Null: the same.
-        const char* indication_line;
-    };
-    const Case cases[] = {
-            {"incomplete",
-             {},
-             nullptr,
-             "a",
-             "file_dir: FILE_DIRECTORY_MDS file_name: 'f' data: 'bc' offset: 1 max_data_size: 4",
-             stored,
-             "I size: 0x2",
-             nullptr},
-            {"complete",
-             {},
-             nullptr,
-             "a",
-             "file_dir: FILE_DIRECTORY_MDS file_name: 'f' data: 'bc' offset: 1 max_data_size: 3",
-             stored,
-             "E Moved file into target path",
-             "E Move file into target path done"},
-            {"the directory is looked at before the offset",
-             {},
-             nullptr,
-             nullptr,
-             "file_dir: FILE_DIRECTORY_UNKNOWN file_name: 'f' offset: 1",
-             bad_directory,
-             "E Bad file directory: 0",
-             nullptr},
-            {"the offset is looked at before the temporary directory",
-             {},
-             kUnfinishedFiles,
-             nullptr,
-             "file_dir: FILE_DIRECTORY_MDS file_name: 'f' offset: 1 max_data_size: 1",
-             bad_offset,
-             "E Bad max_data_size 0x1 or offset 0x1",
-             nullptr},
-            {"no temporary directory",
-             {},
-             kUnfinishedFiles,
-             nullptr,
-             "file_dir: FILE_DIRECTORY_MDS file_name: 'f' data: 'a' max_data_size: 1",
-             failed,
+TEST_F(FileTest, ChunksAreStoredOrRefusedByTheStepThatFails) {
+    const std::vector<Case> cases = {
+            {"the first chunk", NoFault(), nullptr, "ab", 0, 3, kStored, kAppended, "664 ab",
+             kEarlier},
+            {"the next chunk", NoFault(), "ab", "cd", 2, 5, kStored, kAppended, "664 abcd",
+             kEarlier},
+            {"the last chunk", NoFault(), "ab", "c", 2, 3, kStored, kMoved, kNone, "666 abc"},
+            {"offset 0 begins anew", NoFault(), "left", "ab", 0, 3, kStored, kAppended, "664 ab",
+             kEarlier},
+            {"the middle of a file that has no beginning", NoFault(), nullptr, "ab", 5, 8, kStored,
+             kAppended, "664 ab", kEarlier},
+            {"too much", NoFault(), "123", "45", 3, 4, kStored, kAppended, "664 12345", kEarlier},
+            {"before the end of what is there", NoFault(), "abc", "x", 2, 9, kBadOffset,
+             "E Bad offset 0x2 comparing to the expected one: 0x3", "600 abc", kEarlier},
+            {"behind it", NoFault(), "abcdefghijk", "x", 12, 13, kBadOffset,
+             "E Bad offset 0xC comparing to the expected one: 0xB", "600 abcdefghijk", kEarlier},
+            {"behind the file", Fault("stat", kTempDirectory, ENOENT), nullptr, "x", 10, 10,
+             kBadOffset, "E Bad max_data_size 0xA or offset 0xA", kNone, kEarlier},
+            {"in no file", NoFault(), nullptr, "", 0, 0, kBadOffset,
+             "E Bad max_data_size 0x0 or offset 0x0", kNone, kEarlier},
+            {"the largest offset", NoFault(), nullptr, "x", 4294967295, 1, kBadOffset,
+             "E Bad max_data_size 0x1 or offset 0xFFFFFFFF", kNone, kEarlier},
+            {"no temporary directory", Fault("stat", kTempDirectory, ENOENT), "abc", "a", 0, 1,
+             kFailed,
              "E Temp file directory /data/vendor/radio/modem_temp_file/ does not exist or "
              "permission denied.",
-             nullptr},
-            {"another position",
-             {},
-             nullptr,
-             "abc",
-             "file_dir: FILE_DIRECTORY_MDS file_name: 'f' data: 'a' offset: 2 max_data_size: 4",
-             bad_offset,
-             "E Bad offset 0x2 comparing to the expected one: 0x3",
-             nullptr},
-            {"the temporary file cannot be opened",
-             {{"open", kTempFile, EACCES}},
-             nullptr,
-             "abc",
-             "file_dir: FILE_DIRECTORY_MDS file_name: 'f' data: 'a' offset: 3 max_data_size: 4",
-             failed,
-             "E Failed to open /data/vendor/radio/modem_temp_file/f",
-             "E Fail to open /data/vendor/radio/modem_temp_file/f"},
-            {"the disk is full",
-             {{"write", kTempFile, ENOSPC}},
-             nullptr,
-             nullptr,
-             "file_dir: FILE_DIRECTORY_MDS file_name: 'f' data: 'a' max_data_size: 1",
-             failed,
-             "E Failed to write temp file correctly",
-             nullptr},
-            {"the temporary file is gone",
-             {{"stat", kTempFile, ENOENT}},
-             nullptr,
-             nullptr,
-             "file_dir: FILE_DIRECTORY_MDS file_name: 'f' data: 'a' max_data_size: 1",
-             failed,
+             "600 abc", kEarlier},
+            {"the temporary file cannot be opened", Fault("open", kTempFile, EACCES), "abc", "x", 3,
+             4, kFailed, "E Failed to open /data/vendor/radio/modem_temp_file/f", "600 abc",
+             kEarlier},
+            {"the disk is full", Fault("write", kTempFile, ENOSPC), nullptr, "a", 0, 1, kFailed,
+             "E Failed to write temp file correctly", "600 ", kEarlier},
+            {"the temporary file is gone", Fault("stat", kTempFile, ENOENT), nullptr, "a", 0, 1,
+             kFailed,
              "E Temp file /data/vendor/radio/modem_temp_file/f does not exist or permission "
              "denied.",
-             nullptr},
-            {"no target directory",
-             {},
-             velmar_sim::kMdsFiles,
-             nullptr,
-             "file_dir: FILE_DIRECTORY_MDS file_name: 'f' data: 'a' max_data_size: 1",
-             failed,
-             "E File/path /data/vendor/radio/mds/ does not exist or permission denied.",
-             nullptr},
-            {"the target cannot be opened",
-             {{"open", "/data/vendor/radio/mds/f", EROFS}},
-             nullptr,
-             nullptr,
-             "file_dir: FILE_DIRECTORY_MDS file_name: 'f' data: 'a' max_data_size: 1",
-             failed,
-             "E File transfer failed.",
-             nullptr},
-            {"the temporary file cannot be read back",
-             {{"open", kTempFile, EACCES, 0, 1, 1}},
-             nullptr,
-             nullptr,
-             "file_dir: FILE_DIRECTORY_MDS file_name: 'f' data: 'a' max_data_size: 1",
-             failed,
-             "E File transfer failed.",
-             nullptr},
-            {"nothing can be deleted or given a mode",
-             {{"unlink", "/data/vendor/radio/*", EACCES, 0, 9},
-              {"chmod", "/data/vendor/radio/*", EPERM, 0, 9}},
-             nullptr,
-             nullptr,
-             "file_dir: FILE_DIRECTORY_MDS file_name: 'f' data: 'a' max_data_size: 1",
-             stored,
-             "E Moved file into target path",
-             "E Move file into target path done"},
-    };
-    const mode_t before = Umask();
-    const auto arrange = [this](const Case& row) {
-        Reset();
-        if (row.gathered != nullptr) folder.WriteFile(kTempFile, row.gathered);
-        if (row.missing != nullptr) folder.Remove(row.missing);
-        for (const auto& fault : row.faults) injector.Add(fault);
+             "664 a", kEarlier},
+            {"no target directory", Fault("stat", kMdsDirectory, ENOENT), nullptr, "a", 0, 1,
+             kFailed, "E File/path /data/vendor/radio/mds/ does not exist or permission denied.",
+             "664 a", kNone},
+            {"the target cannot be opened", Fault("open", kTarget, EROFS), nullptr, "a", 0, 1,
+             kFailed, "E File transfer failed.", kNone, kNone},
+            {"the temporary file cannot be read", Fault("open", kTempFile, EACCES, 1, 1), nullptr,
+             "a", 0, 1, kFailed, "E File transfer failed.", kNone, "666 "},
+            {"nothing can be deleted", Fault("unlink", kRadioFiles, EACCES, 9), nullptr, "a", 0, 1,
+             kStored, kMoved, "664 a", "666 a"},
+            {"nothing can be given a mode", Fault("chmod", kRadioFiles, EPERM, 9), nullptr, "a", 0,
+             1, kStored, kMoved, kNone, "600 a"},
     };
     for (const Case& row : cases) {
         SCOPED_TRACE(row.what);
-        const bool is_stored = row.answer == stored;
-        arrange(row);
-        // A failure is told apart from an answer that could not be sent.
-        EXPECT_EQ(Request(row.fields), is_stored ? kStatusWriteFailed : kStatusNotFound);
-        EXPECT_THAT(handler.responses, ElementsAre(row.answer));
-        EXPECT_EQ(log.Lines().back(), row.request_line);
-        EXPECT_EQ(Umask(), before);
-
-        arrange(row);
-        EXPECT_EQ(Indicate(row.fields), is_stored ? kStatusSuccess : kStatusNotFound);
-        EXPECT_THAT(handler.responses, IsEmpty());
-        EXPECT_EQ(log.Lines().back(),
-                  row.indication_line != nullptr ? row.indication_line : row.request_line);
-        EXPECT_EQ(Umask(), before);
+        const std::string fields = Fields("MDS", row.data, row.offset, row.max_data_size);
+        const bool is_stored = row.response == kStored;
+        Arrange(row);
+        ExpectResponse(row.response);
+        EXPECT_EQ(Request(AsRequest(fields)), is_stored ? kStatusWriteFailed : kStatusNotFound);
+        ExpectLineAndFiles(row, row.line);
+        Arrange(row);
+        EXPECT_EQ(Indicate(AsIndication(fields)), is_stored ? kStatusSuccess : kStatusNotFound);
+        ExpectLineAndFiles(row, LineOfIndication(row.line));
     }
 }
 
-TEST_F(FileTest, MessagesThatNameNoFileAreDropped) {
-    for (const char* text : {"", "property_message {}", "file_message {}",
-                             "file_message { file_write_response {} }"}) {
-        SCOPED_TRACE(text);
-        EXPECT_EQ(service.OnReceiveFileWriteRequest(Receive(text).get()), kStatusInvalid);
-        EXPECT_EQ(service.OnReceiveFileWriteIndication(Receive(text).get()), kStatusInvalid);
-    }
-    const char chunk[] = "file_dir: FILE_DIRECTORY_MDS file_name: 'f' data: 'a' max_data_size: 1";
-    auto request = Receive(std::string("file_message { file_write_request { ") + chunk + " } }");
-    EXPECT_EQ(service.OnReceiveFileWriteIndication(request.get()), kStatusInvalid);
-    auto indication =
-            Receive(std::string("file_message { file_write_indication { ") + chunk + " } }");
-    EXPECT_EQ(service.OnReceiveFileWriteRequest(indication.get()), kStatusInvalid);
-    EXPECT_EQ(service.OnReceiveFileWriteRequest(nullptr), kStatusInvalid);
-    EXPECT_EQ(service.OnReceiveFileWriteIndication(nullptr), kStatusInvalid);
-    EXPECT_THAT(log.Lines(), IsEmpty());
-
-    EXPECT_EQ(Request("legacy_field: 'x'"), kStatusInvalid);
-    EXPECT_EQ(Request(""), kStatusInvalid);
-    EXPECT_EQ(Request("file_dir: FILE_DIRECTORY_MDS"), kStatusInvalid);
-    EXPECT_EQ(Indicate("legacy_field: 'x'"), kStatusInvalid);
-    EXPECT_EQ(Indicate("file_dir: FILE_DIRECTORY_MDS"), kStatusInvalid);
-    // A number without a name reads as none at all.
-    std::string unnamed =
-            Encode("file_message { file_write_request { file_name: 'f' file_dir: "
-                   "FILE_DIRECTORY_RESERVED } }");
-    unnamed.back() = 4;
-    SitMessage request_to_unnamed(unnamed.data(), static_cast<int>(unnamed.size()));
-    EXPECT_EQ(service.OnReceiveFileWriteRequest(&request_to_unnamed), kStatusInvalid);
-    EXPECT_THAT(log.Lines(), ElementsAre("E Old FileWriteRequest is no longer supported",
-                                         "E FileWriteRequest requires a file_dir",
-                                         "E FileWriteRequest requires a file_name",
-                                         "E FileWriteIndication requires a file_dir",
-                                         "E FileWriteIndication requires a file_name",
-                                         "E FileWriteRequest requires a file_dir"));
-    EXPECT_THAT(handler.responses, IsEmpty());
+TEST_F(FileTest, EachStepIsLogged) {
+    folder.WriteFile(kTempFile, "0123456789");
+    ExpectResponse(kStored);
+    Request(AsRequest(Fields("MDS", "a", 10, 12)));
+    EXPECT_EQ(log.TakeLines(),
+              "I Got File write request; I file dir: 1 and name: f; I offset: 0xA, size: 0xC; "
+              "I prefix: /data/vendor/radio/mds/\nfile_name: f; "
+              "I Handle file write operation to path: /data/vendor/radio/mds/f for offset: 0xA "
+              "(total: 0xC); I size: 0x1");
+    Indicate(AsIndication(Fields("REPLAY", "b", 11, 13)));
+    EXPECT_EQ(log.TakeLines(),
+              "I Got File write indication; I file dir: 2 and name: f; I offset: 0xB, size: 0xD; "
+              "I prefix: /mnt/vendor/modem_userdata/replay/\nfile_name: f; "
+              "E Handle file write operation to path: /mnt/vendor/modem_userdata/replay/f for "
+              "offset: 0xB (total: 0xD); I size: 0x1");
 }
 
-TEST(FileMessageTest, FillingAgainReplacesTheMemberAndKeepsTheResult) {
-    auto request = Receive("type: REQUEST file_message { file_write_request {} }");
-    VelmarFileMessage message(velmar_message::RESPONSE, request.get());
-    message.GetSitMessage()->GetVelmarMessage()->mutable_property_message();
-    message.SetFileMessageResult(velmar_message::FILE_RESULT_BAD_OFFSET);
-    message.FillWriteResponse();
-    EXPECT_EQ(message.GetSitMessage()->GetVelmarMessage()->ShortDebugString(),
-              "type: RESPONSE message_id: 9 file_message { file_write_response { file_result: "
-              "FILE_RESULT_BAD_OFFSET } }");
-}
-
-class TemperatureTest : public FileTest {
-  protected:
-    int Report(const std::string& text) {
-        return service.OnReceiveModemTemperatureRequest(Receive(text).get());
+TEST_F(FileTest, ChunksWithoutADirectoryOrANameAreRefused) {
+    const std::string chunk = Fields("MDS", "a", 0, 1);
+    for (const char* directory : {"UNKNOWN", "RESERVED"}) {
+        ExpectResponse(kBadDirectory);
+        EXPECT_EQ(Request(AsRequest(Fields(directory, "a", 1, 1))), kStatusNotFound);
+        EXPECT_EQ(Indicate(AsIndication(Fields(directory, "a", 1, 1))), kStatusNotFound);
+        EXPECT_THAT(log.TakeLines(), EndsWith(directory[0] == 'U' ? "; E Bad file directory: 0"
+                                                                  : "; E Bad file directory: 3"));
     }
-};
-
-TEST_F(TemperatureTest, ReportsAreAnsweredWhateverTheDriverDoes) {
-    const char report[] =
-            "token: 3 modem_temperature_message { set_request { sensors { sensor: 7 temperature: "
-            "-1 } } }";
-    const std::string node = velmar_sim::kThermalNode;
-    const std::vector<velmar_sim::FaultRule> faults = {
-            {"close", node, EIO}, {"open", node, EACCES}, {"write", node, EIO}};
-    for (const auto& fault : faults) {
-        SCOPED_TRACE(fault.call);
-        injector.Clear();
-        injector.Add(fault);
-        EXPECT_EQ(Report(report), kStatusWriteFailed);
-        EXPECT_EQ(handler.responses.back(),
-                  "type: RESPONSE message_id: 10 token: 3 "
-                  "modem_temperature_message { set_response { } }");
-        // Only the failing close comes after the write.
-        const std::vector<std::string> writes(fault.call == "close" ? 1 : 0, "7 0 -1\n");
-        EXPECT_EQ(thermal.TakeWrites(), writes);
-    }
-    EXPECT_THAT(log.Lines(), ElementsAre("D Temp sensor 7 - Update 0 - Temperature -1",
-                                         "E Failed to open modem temperature driver",
-                                         "D Temp sensor 7 - Update 0 - Temperature -1"));
-}
-
-TEST_F(TemperatureTest, WhatSetsNoTemperaturesIsDropped) {
-    for (const char* text : {"", "file_message {}", "modem_temperature_message {}",
-                             "modem_temperature_message { set_response {} }"}) {
-        EXPECT_EQ(Report(text), kStatusInvalid) << text;
-    }
-    EXPECT_EQ(service.OnReceiveModemTemperatureRequest(nullptr), kStatusInvalid);
-    EXPECT_THAT(handler.responses, IsEmpty());
-    EXPECT_THAT(thermal.TakeWrites(), IsEmpty());
+    // Malformed ones get no response.
+    EXPECT_EQ(Request(AsRequest("")), kStatusInvalid);
+    EXPECT_EQ(Request(AsRequest("file_dir: FILE_DIRECTORY_MDS")), kStatusInvalid);
+    EXPECT_EQ(Request(AsRequest("legacy_field: 'x' " + chunk)), kStatusInvalid);
+    EXPECT_EQ(Indicate(AsIndication("file_name: 'f'")), kStatusInvalid);
+    EXPECT_EQ(Indicate(AsIndication("file_dir: FILE_DIRECTORY_MDS")), kStatusInvalid);
+    EXPECT_EQ(log.TakeLines(),
+              "I Got File write request; E FileWriteRequest requires a file_dir; "
+              "I Got File write request; E FileWriteRequest requires a file_name; "
+              "I Got File write request; E Old FileWriteRequest is no longer supported; "
+              "I Got File write indication; E FileWriteIndication requires a file_dir; "
+              "I Got File write indication; E FileWriteIndication requires a file_name");
+    EXPECT_EQ(File(kTempFile), kNone);
+    // An empty field of the old form is none, and in an indication it is not looked at.
+    ExpectResponse(kStored);
+    EXPECT_EQ(Request(AsRequest("legacy_field: '' " + chunk)), kStatusWriteFailed);
+    EXPECT_EQ(Indicate(AsIndication("legacy_field: 'x' " + chunk)), kStatusSuccess);
 }
 
 }  // namespace

@@ -4,24 +4,26 @@
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "base/log.h"
 #include "io/modem_state_monitor.h"
 #include "io/sit_io_channel.h"
 #include "io/sit_io_handler.h"
 #include "phone_test_case.h"
+#include "waiting_calls.h"
 
 using std::chrono::milliseconds;
-using testing::ElementsAre;
-using testing::IsEmpty;
+using testing::_;
+using testing::Return;
+using testing::StrictMock;
 
 namespace {
 
-constexpr size_t kLargestMessage = 65568;
+constexpr char kChannel[] = "/dev/oem_ipc1";
+constexpr int kLargestMessage = 65568;
 
 class ChannelTest : public PhoneTestCase {
   protected:
@@ -42,204 +44,234 @@ TEST_F(ChannelTest, ClosedChannelRefusesAndOpensOnce) {
     EXPECT_EQ(channel.ReadFromChannel(nullptr, 1), -1);
     EXPECT_EQ(channel.WriteToChannel(nullptr, 1), -1);
     EXPECT_EQ(channel.WriteToChannel(data, 0), 0);
-    EXPECT_THAT(log.Lines(), IsEmpty());
+    EXPECT_EQ(log.TakeLines(), "");
     EXPECT_FALSE(modem.Receive(milliseconds(50)));
 }
 
-TEST_F(ChannelTest, MissingDeviceIsLogged) {
-    folder.Remove("/dev/oem_ipc1");
-    EXPECT_EQ(channel.OpenChannel(), -1);
-    EXPECT_LT(channel.GetFd(), 0);
-    EXPECT_THAT(log.Lines(), ElementsAre("E Failed to open IO channel, fd: -1"));
-}
-
-TEST_F(ChannelTest, InterruptedAndPartialTransfersAreCarriedOn) {
+TEST_F(ChannelTest, InterruptedTransfersGoOnAfterAPause) {
+    StrictMock<WaitingCalls> calls;
+    EXPECT_CALL(calls, Usleep(10000)).Times(5).WillRepeatedly(Return(0));
     ASSERT_EQ(channel.OpenChannel(), 0);
-    ASSERT_TRUE(modem.WaitForChannel(milliseconds(5000)));
-    std::string bytes = Encode("type: RESPONSE token: 5 result: FAILURE");
     for (const char* call : {"write", "read"}) {
-        injector.Add({call, "/dev/oem_ipc1", EINTR, 0, 2});
-        injector.Add({call, "/dev/oem_ipc1", EAGAIN, 0, 2});
+        injector.Add({call, kChannel, EINTR});
+        injector.Add({call, kChannel, EAGAIN});
     }
-    injector.Add({"write", "/dev/oem_ipc1", 0, 1, 2});
-    EXPECT_EQ(channel.WriteToChannel(bytes.data(), static_cast<int>(bytes.size())), 0);
-    auto received = modem.Receive(milliseconds(5000));
-    ASSERT_TRUE(received);
-    EXPECT_EQ(received->bytes, bytes);
-
+    injector.Add({"write", kChannel, 0, 0});
+    char data[] = "data";
+    EXPECT_EQ(channel.WriteToChannel(data, 4), 0);
     modem.SendBytes("hello");
     ASSERT_EQ(channel.ReadFromChannel(buffer, sizeof(buffer)), 5);
     EXPECT_EQ(std::string(buffer, 5), "hello");
 }
 
-TEST_F(ChannelTest, HardErrorsAndEndOfFileEndTheTransfer) {
-    ASSERT_EQ(channel.OpenChannel(), 0);
-    ASSERT_TRUE(modem.WaitForChannel(milliseconds(5000)));
-    char data[] = "data";
-    injector.Add({"write", "/dev/oem_ipc1", EIO});
-    EXPECT_EQ(channel.WriteToChannel(data, 4), -1);
-    injector.Add({"read", "/dev/oem_ipc1", EIO});
-    EXPECT_EQ(channel.ReadFromChannel(buffer, sizeof(buffer)), -1);
-    modem.SendEndOfFile();
-    EXPECT_EQ(channel.ReadFromChannel(buffer, sizeof(buffer)), 0);
-}
-
-// Keeps what the reader hands on, and whether zeros follow it in the buffer.
-class MessageKeeper : public TestHandler {
+// A reader for the test's own thread.
+class Reader : public SitIoHandler {
   public:
-    struct Kept {
-        size_t length;
-        bool zeros_follow;
-    };
+    explicit Reader(VelmarMessageHandler* message_handler) : SitIoHandler(message_handler) {
+        buffer = std::make_unique<char[]>(kLargestMessage);
+    }
+    using SitIoHandler::channel;
+};
 
-    int ProcessReceivedMessage(void* data, unsigned int length) override {
-        const char* bytes = static_cast<const char*>(data);
-        bool zeros = std::all_of(bytes + length, bytes + kLargestMessage,
-                                 [](char byte) { return byte == 0; });
-        std::lock_guard<std::mutex> guard(lock);
-        kept.push_back({length, zeros});
-        reader_thread = pthread_self();
-        changed.notify_all();
+class ReaderTest : public PhoneTestCase {
+  protected:
+    // The reader ends when it cannot wait for the channel.
+    void EndReader() { injector.Add({"select", kChannel, EBADF}); }
+
+    // Sends what is to be read next, or ends the reader after the last one.
+    void SendNext() {
+        if (sent == sizes.size()) return EndReader();
+        modem.SendBytes(std::string(sizes[sent++], 'x'));
+    }
+
+    StrictMock<WaitingCalls> calls;
+    StrictMock<MockHandler> handler;
+    Reader reader{&handler};
+    std::vector<int> sizes;
+    size_t sent = 0;
+};
+
+TEST_F(ReaderTest, NapsUntilTheModemIsOnlineAndReadsMessagesFollowedByZeros) {
+    sizes = {3, kLargestMessage, 7, 1, kLargestMessage + 1000, 2};
+    EXPECT_CALL(calls, Sleep(2)).WillOnce(Return(0)).WillOnce([this](unsigned int /*seconds*/) {
+        modem.SetState(kModemStateOnline);
+        SendNext();
         return 0;
-    }
-
-    bool WaitFor(size_t count, milliseconds limit = milliseconds(5000)) {
-        std::unique_lock<std::mutex> guard(lock);
-        return changed.wait_for(guard, limit, [&] { return kept.size() >= count; });
-    }
-
-    std::mutex lock;
-    std::condition_variable changed;
-    std::vector<Kept> kept;
-    pthread_t reader_thread;
-};
-
-// A monitor whose device takes its time to open.
-class LateMonitor : public ModemStateMonitor {
-  public:
-    explicit LateMonitor(VelmarMessageHandler* message_handler)
-        : ModemStateMonitor(message_handler) {}
-    ~LateMonitor() override { close(boot_fd); }
-
-    void OpenDevice() {
-        boot_fd = open("/dev/umts_boot0", O_RDWR);
-        EndWaitForDevice();
-    }
-};
-
-class ReaderTest : public PhoneTestCase {};
-
-TEST_F(ReaderTest, OneReadIsOneMessageFollowedByZeros) {
-    modem.SetState(kModemStateOnline);
-    MessageKeeper handler;
-    SitIoHandler reader(&handler);
-    ASSERT_TRUE(reader.Start());
-    ASSERT_TRUE(modem.WaitForChannel(milliseconds(5000)));
-    const size_t sizes[] = {3, kLargestMessage, 7, 1, kLargestMessage + 1000, 2};
-    for (size_t size : sizes) modem.SendBytes(std::string(size, 'x'));
-    ASSERT_TRUE(handler.WaitFor(std::size(sizes)));
-    for (size_t i = 0; i < std::size(sizes); ++i) {
-        EXPECT_EQ(handler.kept[i].length, std::min(sizes[i], kLargestMessage));
-        EXPECT_TRUE(handler.kept[i].zeros_follow) << "after message " << i;
-    }
-    injector.Add({"select", "/dev/oem_ipc1", EBADF});
-    modem.SendBytes("last");
+    });
+    int fd = -1;
+    EXPECT_CALL(handler, ProcessReceivedMessage(_, _))
+            .Times(static_cast<int>(sizes.size()))
+            .WillRepeatedly([&](void* data, int length) {
+                fd = reader.channel->GetFd();
+                const char* bytes = static_cast<const char*>(data);
+                EXPECT_EQ(length, std::min(sizes[sent - 1], kLargestMessage));
+                EXPECT_EQ(std::count(bytes + length, bytes + kLargestMessage, '\0'),
+                          kLargestMessage - length);
+                SendNext();
+                return 0;
+            });
+    reader.Run();
+    EXPECT_EQ(reader.channel->GetFd(), -1);
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1) << "the channel is still open";
+    EXPECT_EQ(log.TakeLines(), "E IO handler timeout; E IO handler thread stopped");
 }
 
-TEST_F(ReaderTest, DeviceThatIsGoneIsOpenedAgainWhenItIsBack) {
+TEST_F(ReaderTest, LostChannelIsOpenedAgainForAsLongAsItTakes) {
     modem.SetState(kModemStateOnline);
-    MessageKeeper handler;
-    SitIoHandler reader(&handler);
-    ASSERT_TRUE(reader.Start());
-    ASSERT_TRUE(modem.WaitForChannel(milliseconds(5000)));
-    injector.Add({"open", "/dev/oem_ipc1", ENXIO, 0, 5});
-    modem.SendEndOfFile();
-    ASSERT_TRUE(modem.WaitForChannel(milliseconds(5000)));
-    modem.SendBytes("back");
-    EXPECT_TRUE(handler.WaitFor(1));
+    sizes = {1, 2, 3};
+    injector.Add({"read", kChannel, EIO});
+    injector.Add({"open", kChannel, ENXIO, 0, 5, 1});
+    SendNext();
+    EXPECT_CALL(calls, Usleep(20000)).Times(7).WillRepeatedly(Return(0));
+    EXPECT_CALL(handler, ProcessReceivedMessage(_, 1)).WillOnce([this](void*, int) {
+        injector.Add({"read", kChannel, 0, 0});
+        SendNext();
+        return 0;
+    });
+    EXPECT_CALL(handler, ProcessReceivedMessage(_, 2)).WillOnce([this](void*, int) {
+        EndReader();
+        return 0;
+    });
+    reader.Run();
     EXPECT_EQ(log.Count("E Failed to open IO channel, fd: -1"), 5);
-    injector.Add({"select", "/dev/oem_ipc1", EBADF});
-    modem.SendBytes("last");
+    EXPECT_EQ(log.Count("E Read channel error, size:-1, errno:5"), 1);
 }
 
 TEST_F(ReaderTest, LooksForTheModemOnceTheBootDeviceIsOpen) {
+    auto* monitor = new ThreadlessMonitor(&handler);
+    handler.state_monitor.reset(monitor);
     modem.SetState(kModemStateOnline);
-    MessageKeeper handler;
-    handler.state_monitor = std::make_unique<LateMonitor>(&handler);
-    SitIoHandler reader(&handler);
-    ASSERT_TRUE(reader.Start());
-    ASSERT_TRUE(modem.WaitForChannel(milliseconds(5000)));
-    modem.SendBytes("waits");
-    EXPECT_FALSE(handler.WaitFor(1, milliseconds(200)));
-    EXPECT_THAT(log.Lines(), ElementsAre("I IO handler started"));
-    static_cast<LateMonitor*>(handler.state_monitor.get())->OpenDevice();
-    EXPECT_TRUE(handler.WaitFor(1, milliseconds(1000)));
-    injector.Add({"select", "/dev/oem_ipc1", EBADF});
-    modem.SendBytes("last");
+    EndReader();
+    std::thread opener([monitor] {
+        std::this_thread::sleep_for(milliseconds(200));
+        monitor->OpenDevice();
+    });
+    reader.Run();
+    opener.join();
+    EXPECT_EQ(log.TakeLines(), "E IO handler timeout; E IO handler thread stopped");
 }
 
-// Select fails when a signal interrupts it on the reader's thread: the reader ends.
 TEST_F(ReaderTest, InterruptedWaitEndsTheReader) {
     ASSERT_NE(signal(SIGURG, [](int /*signo*/) {}), SIG_ERR);
     modem.SetState(kModemStateOnline);
-    MessageKeeper handler;
-    auto reader = std::make_unique<SitIoHandler>(&handler);
-    ASSERT_TRUE(reader->Start());
-    ASSERT_TRUE(modem.WaitForChannel(milliseconds(5000)));
-    modem.SendBytes("read");
-    ASSERT_TRUE(handler.WaitFor(1));
-    while (log.Count("E IO handler timeout") == 0) {
-        pthread_kill(handler.reader_thread, SIGURG);
-        std::this_thread::sleep_for(milliseconds(10));
-    }
-    reader.reset();
-    EXPECT_THAT(log.Lines(), ElementsAre("I IO handler started", "E IO handler timeout",
-                                         "E IO handler thread stopped"));
+    std::thread signals([this, reader_thread = pthread_self()] {
+        while (log.Count("E IO handler timeout") == 0) {
+            pthread_kill(reader_thread, SIGURG);
+            std::this_thread::sleep_for(milliseconds(10));
+        }
+    });
+    reader.Run();
+    signals.join();
 }
 
-// Keeps the states that are reported.
-class StateKeeper : public TestHandler {
-  public:
-    void OnModemStateChanged(int state) override { states.push_back(state); }
-    std::vector<int> states;
+TEST_F(ReaderTest, EndsAtOnceWithoutAChannel) {
+    folder.Remove(kChannel);
+    reader.Run();
+    EXPECT_EQ(log.TakeLines(), "E Failed to open IO channel, fd: -1; E Failed to open IO channel");
+    char data[] = "x";
+    EXPECT_EQ(reader.SendData(data, 1), -1);
+    EXPECT_EQ(reader.channel->OpenChannel(), -1);
+}
+
+using ThreadlessTest = PhoneTestCase;
+
+class MonitorTest : public PhoneTestCase {
+  protected:
+    // How a wait for the boot device ends, and the modem's state from then on.
+    struct WakeUp {
+        int ready;
+        short events;
+        int state;
+    };
+    static WakeUp TimeOut(int state) { return {0, 0, state}; }
+    static WakeUp Error(int state) { return {-1, 0, state}; }
+    static WakeUp On(short events, int state) { return {1, events, state}; }
+
+    // What the monitor logs over these wake-ups, with its waits and what it tells the hub between.
+    std::string Follow(const std::vector<WakeUp>& wake_ups) {
+        struct Enough {};
+        StrictMock<WaitingCalls> calls;
+        StrictMock<MockHandler> handler;
+        auto next = wake_ups.begin();
+        int fd = -1;
+        EXPECT_CALL(calls, Poll(_, 1, _))
+                .WillRepeatedly([&](pollfd* device, nfds_t /*count*/, int timeout_ms) {
+                    ALOGD("poll %d", timeout_ms);
+                    fd = device->fd;
+                    if (next == wake_ups.end()) throw Enough();
+                    modem.SetState(next->state, 0);
+                    device->revents = static_cast<short>(next->events & (device->events | POLLERR));
+                    return next++->ready;
+                });
+        EXPECT_CALL(calls, Sleep(_)).WillRepeatedly([](unsigned int seconds) {
+            ALOGD("sleep %u", seconds);
+            return 0;
+        });
+        EXPECT_CALL(handler, OnModemStateChanged(_)).WillRepeatedly([](int state) {
+            ALOGD("tell %d", state);
+        });
+        std::unique_ptr<ModemStateMonitor> monitor(ModemStateMonitor::MakeInstance(&handler));
+        EXPECT_THROW(monitor->Run(), Enough);
+        EXPECT_EQ(write(fd, "", 0), 0) << "the boot device is not open for writing";
+        return log.TakeLines();
+    }
 };
 
-class MonitorTest : public PhoneTestCase {};
-
-TEST_F(MonitorTest, ReportsEachChangeToAValidState) {
-    StateKeeper handler;
-    OpenMonitor monitor(&handler);
-    for (int state : {0, 0, 3, 4, 4, 7, 7, 4, -1, -1, 4, 5, 0}) {
-        modem.SetState(state);
-        monitor.PollModemState();
-    }
-    EXPECT_THAT(handler.states, ElementsAre(0, 3, 4, 4, 4, 0));
-    EXPECT_THAT(
-            log.Lines(),
-            ElementsAre("I Modem state changed from -1 to 0", "I Modem state changed from 0 to 3",
-                        "I Modem state changed from 3 to 4", "E Invalid modem state 7",
-                        "I Modem state changed from 7 to 4", "E Invalid modem state -1",
-                        "I Modem state changed from -1 to 4", "E Invalid modem state 5",
-                        "I Modem state changed from 5 to 0"));
+TEST_F(MonitorTest, WaitsByTheStateAndTellsOfEachChangeToAValidOne) {
+    EXPECT_EQ(Follow({TimeOut(0), TimeOut(0), On(POLLIN, 1), On(POLLIN, 2), TimeOut(3),
+                      On(POLLHUP, 4), On(POLLRDNORM, 4), On(POLLERR, 0), On(POLLIN, 5), Error(4),
+                      On(POLLIN, -1), On(POLLERR, 4), On(POLLIN, -1), Error(-1)}),
+              "I Start modem state monitoring; D poll 0; I Poll timeout. interval=0; "
+              "I Modem state changed from -1 to 0; D tell 0; D poll 3000; "
+              "I Poll timeout. interval=3000; D poll 3000; "
+              "I Modem state changed from 0 to 1; D tell 1; D sleep 3; D poll 3000; "
+              "I Modem state changed from 1 to 2; D tell 2; D sleep 3; D poll 3000; "
+              "I Poll timeout. interval=3000; "
+              "I Modem state changed from 2 to 3; D tell 3; D poll 3000; "
+              "I Modem state changed from 3 to 4; D tell 4; D poll -1; D poll -1; "
+              "E MODEM STATUS : unknown poll event (8); D sleep 3; D poll -1; "
+              "E Invalid modem state 5; D poll 3000; "
+              "E MODEM STATUS : unknown poll event (0); D sleep 3; D poll 3000; "
+              "E Invalid modem state -1; D poll 0; "
+              "I Modem state changed from -1 to 4; D tell 4; D poll -1; "
+              "E Invalid modem state -1; D poll 0; D poll 0");
 }
 
-TEST_F(MonitorTest, HasNoStateBeforeTheDeviceIsOpen) {
-    EXPECT_EQ(ModemStateMonitor::MakeInstance(nullptr), nullptr);
-    TestHandler handler;
-    std::unique_ptr<ModemStateMonitor> monitor(ModemStateMonitor::MakeInstance(&handler));
-    EXPECT_EQ(monitor->GetModemState(), -1);
-    monitor->PollModemState();
-    EXPECT_THAT(log.Lines(), ElementsAre("E MODEM_BOOT ioctl fd is invalid",
-                                         "E MODEM_BOOT ioctl fd is invalid"));
+TEST_F(MonitorTest, BoardWithoutAModemIsWatchedByEventsOnly) {
+    folder.SetProperty("persist.vendor.radio.no_modem_board", "1");
+    EXPECT_EQ(Follow({On(POLLIN, 3)}),
+              "I Start modem state monitoring; D poll -1; I Modem state changed from -1 to 3; "
+              "D tell 3; D poll -1");
+    folder.SetProperty("persist.vendor.radio.no_modem_board", "01");
+    EXPECT_EQ(Follow({}), "I Start modem state monitoring; D poll 0");
 }
 
 TEST_F(MonitorTest, EndsWhenTheDeviceCannotBeOpened) {
+    EXPECT_EQ(ModemStateMonitor::MakeInstance(nullptr), nullptr);
     TestHandler handler;
     folder.Remove("/dev/umts_boot0");
     std::unique_ptr<ModemStateMonitor> monitor(ModemStateMonitor::MakeInstance(&handler));
     EXPECT_EQ(monitor->Start(), 0);
+    monitor->WaitForDevice();
+    EXPECT_EQ(monitor->GetModemState(), -1);
     monitor.reset();
-    EXPECT_THAT(log.Lines(), ElementsAre("E Failed to open MODEM_BOOT ioctl node"));
+    EXPECT_THAT(log.Lines(), testing::UnorderedElementsAre("E Failed to open MODEM_BOOT ioctl node",
+                                                           "E MODEM_BOOT ioctl fd is invalid"));
+}
+
+// A stack that is larger than the address space.
+TEST_F(ThreadlessTest, ServiceRunsOnWithoutThreadsThatCannotBeCreated) {
+    pthread_attr_t attributes;
+    ASSERT_EQ(pthread_attr_init(&attributes), 0);
+    ASSERT_EQ(pthread_attr_setstacksize(&attributes, size_t{1} << 60), 0);
+    ASSERT_EQ(pthread_setattr_default_np(&attributes), 0);
+    TestHandler handler;
+    handler.state_monitor.reset();
+    EXPECT_EQ(handler.Start(), kStatusSuccess);
+    handler.WaitForBootDevice();
+    EXPECT_EQ(handler.SendServiceRequest(kCommandExtendedLog), kStatusOffline);
+    EXPECT_EQ(log.TakeLines(),
+              "I IO handler started; E MODEM_BOOT ioctl fd is invalid; E Modem is not online");
 }
 
 }  // namespace

@@ -2,6 +2,10 @@
 
 #include <google/protobuf/text_format.h>
 
+std::string Text(SitMessage* message) {
+    return message->GetVelmarMessage()->ShortDebugString();
+}
+
 std::string Encode(const std::string& text) {
     velmar_message::VelmarMessage message;
     EXPECT_TRUE(google::protobuf::TextFormat::ParseFromString(text, &message)) << text;

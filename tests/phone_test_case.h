@@ -11,6 +11,7 @@
 
 #include "handler/velmar_message_handler.h"
 #include "log_capture.h"
+#include "service/velmar_service_handler.h"
 #include "sim/modem/fault_injector.h"
 #include "sim/modem/phone_folder.h"
 #include "sim/modem/simulated_modem.h"
@@ -31,15 +32,26 @@ class PhoneTestCase : public testing::Test {
     LogCapture log;
 };
 
-// A monitor that has the boot device open without a thread, which would never end.
-class OpenMonitor : public ModemStateMonitor {
+// A monitor without its thread, which would never end.
+class ThreadlessMonitor : public ModemStateMonitor {
   public:
-    explicit OpenMonitor(VelmarMessageHandler* message_handler)
-        : ModemStateMonitor(message_handler) {
+    explicit ThreadlessMonitor(VelmarMessageHandler* message_handler)
+        : ModemStateMonitor(message_handler) {}
+    ~ThreadlessMonitor() override { close(boot_fd); }
+
+    void OpenDevice() {
         boot_fd = open("/dev/umts_boot0", O_RDWR);
         EndWaitForDevice();
     }
-    ~OpenMonitor() override { close(boot_fd); }
+};
+
+// The same with the boot device open.
+class OpenMonitor : public ThreadlessMonitor {
+  public:
+    explicit OpenMonitor(VelmarMessageHandler* message_handler)
+        : ThreadlessMonitor(message_handler) {
+        OpenDevice();
+    }
 };
 
 // A message handler with all its parts but the monitor's thread.
@@ -52,8 +64,39 @@ class TestHandler : public VelmarMessageHandler {
     using VelmarMessageHandler::state_monitor;
 };
 
+// The same with expectations in the place of what the hub does for its parts.
+class MockHandler : public TestHandler {
+  public:
+    MOCK_METHOD(void, OnModemStateChanged, (int state), (override));
+    MOCK_METHOD(int, ProcessReceivedMessage, (void* data, unsigned int length), (override));
+    MOCK_METHOD(int, SendRequest, (SitMessage * message, unsigned int timeout_seconds), (override));
+    MOCK_METHOD(int, SendResponse, (SitMessage * message), (override));
+};
+
+// The envelope of a message as text, in one line.
+std::string Text(SitMessage* message);
+
+MATCHER_P(IsMessage, text, "") {
+    *result_listener << Text(arg);
+    return Text(arg) == text;
+}
+
 // The encoding of a message given as text.
 std::string Encode(const std::string& text);
 
 // A message given as text, as if it had been received.
 std::unique_ptr<SitMessage> Receive(const std::string& text);
+
+// The service with a hub that must not be called but as a test expects it.
+class ServiceTestCase : public PhoneTestCase {
+  protected:
+    int Request(const std::string& text) {
+        return service.OnReceiveRequest(Receive("type: REQUEST " + text).get());
+    }
+    int Indicate(const std::string& text) {
+        return service.OnReceiveIndication(Receive("type: INDICATION " + text).get());
+    }
+
+    testing::StrictMock<MockHandler> handler;
+    VelmarServiceHandler service{&handler};
+};

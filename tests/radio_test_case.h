@@ -58,6 +58,8 @@ class RadioTestCase : public testing::Test {
         return texts;
     }
 
+    void ForgetCalls() { folder.Remove(velmar_radio::kCallsFile); }
+
     velmar_sim::PhoneFolder folder;
     LogCapture log;
 };
