@@ -169,11 +169,11 @@ class FuzzPhone {
         const int status = service->ProcessReceivedMessage(received.data(), received.size());
         Require(status >= kStatusSuccess && status <= kStatusRefused && status != 6, "no status");
         char buffer[kMaxResponse];
-        int size;
+        ssize_t size;
         for (int n = 0; (size = recv(channel, buffer, kMaxResponse, MSG_DONTWAIT)) > 0; ++n) {
             VelmarMessage response;
             Require(n == 0, "more than one response");
-            Require(response.ParseFromArray(buffer, size) &&
+            Require(response.ParseFromArray(buffer, static_cast<int>(size)) &&
                             message.type() == velmar_message::REQUEST &&
                             response.type() == velmar_message::RESPONSE &&
                             response.has_token() == message.has_token() &&

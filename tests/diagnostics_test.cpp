@@ -10,7 +10,6 @@
 #include "service/debug_stat_config.h"
 
 using android::base::StringPrintf;
-using testing::_;
 using testing::MatchesRegex;
 
 namespace {
@@ -158,7 +157,7 @@ TEST_F(SenderTest, StatusTellsTheOutcomeAndARecordStaysUntilItsResponse) {
     for (const Case& row : cases) {
         SCOPED_TRACE(row.response);
         unsigned int token = kNoToken;
-        EXPECT_CALL(handler, SendRequest(_, 3))
+        EXPECT_CALL(handler, SendRequest(testing::_, 3))
                 .Times(4)
                 .WillRepeatedly([&](SitMessage* message, unsigned int /*timeout_seconds*/) {
                     token = message->GetToken();
@@ -193,10 +192,13 @@ TEST_F(SenderTest, ConfigThatGrowsWhileItIsReadIsCutOff) {
     const std::string path = folder.HostPath(kStatConfig);
     ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
     std::thread writer([&path] { std::ofstream(path) << "ab|c"; });
-    EXPECT_CALL(handler, SendRequest(_, 3)).WillOnce([](SitMessage* message, unsigned int) {
-        EXPECT_EQ(message->GetVelmarMessage()->modem_stat_message().enable_request().module(), "a");
-        return kStatusTimeout;
-    });
+    EXPECT_CALL(handler, SendRequest(testing::_, 3))
+            .WillOnce([](SitMessage* message, unsigned int) {
+                EXPECT_EQ(
+                        message->GetVelmarMessage()->modem_stat_message().enable_request().module(),
+                        "a");
+                return kStatusTimeout;
+            });
     EXPECT_EQ(service.SendServiceRequest(kCommandDebugStatConfig), kStatusSuccess);
     writer.join();
 }

@@ -200,6 +200,7 @@ TEST_P(TransferFaultTest, HitsEachCallInTurn) {
 
 constexpr char kNone[] = "";
 
+// NOLINTNEXTLINE(cert-err58-cpp): without memory for it there is nothing to test.
 const Sweep kSweeps[] = {
         {"Open", "open", kTransferPaths,
          Faults(EACCES, EROFS, EMFILE, ENFILE, ENOSPC, ENOMEM, EINTR), kNone, 0,

@@ -178,14 +178,18 @@ TEST_F(GnssCoexLoadTest, FirstFileThatCanBeReadIsUsed) {
         int status;
         // Payload of the first request, empty when there is none.
         const char* first_line;
+        const char* log;
     };
     const Case cases[] = {
-            {nullptr, nullptr, kStatusNotFound, ""},
-            {"258\nB5\nB3,10", "1\n", kStatusSuccess, "0201"},
-            {nullptr, "7", kStatusSuccess, "0700"},
-            {kLink, "2\n", kStatusSuccess, "0200"},
-            {"", "2\nB3,10\n", kThrown, ""},
-            {"1\nB3,10\nB3,ten\nB7,20\n", "2\n", kThrown, "0100"},
+            {nullptr, nullptr, kStatusNotFound, "",
+             "; E Failed to read any GNSS coex configuration file"},
+            {"258\nB5\nB3,\nB3,10", "1\n", kStatusSuccess, "0201",
+             "; E Invalid GNSS coex config line - B5; E Invalid band1 GNSS coex configuration - "
+             "B3,"},
+            {nullptr, "7", kStatusSuccess, "0700", "; E Invalid GNSS coex configuration file"},
+            {kLink, "2\n", kStatusSuccess, "0200", ""},
+            {"", "2\nB3,10\n", kThrown, "", "; E Invalid GNSS coex configuration file"},
+            {"1\nB3,10\nB3,ten\nB7,20\n", "2\n", kThrown, "0100", ""},
     };
     Provide("full");
     for (const Case& row : cases) {
@@ -201,6 +205,7 @@ TEST_F(GnssCoexLoadTest, FirstFileThatCanBeReadIsUsed) {
         EXPECT_EQ(Load(), row.status);
         const auto calls = Calls("RILC_Send");
         EXPECT_EQ(calls.empty() ? "" : Hex(calls[0].request().data()), row.first_line);
+        EXPECT_EQ(log.TakeLines(), std::string("I Configuring GNSS coex") + row.log);
         ForgetCalls();
     }
 }

@@ -138,7 +138,7 @@ TEST_F(MessageHandlerTest, StepOfTheWallClockShortensOrLengthensTheWaitByAsMuch)
     const Step steps[] = {
             {2, milliseconds(0), milliseconds(900)},
             {86400, milliseconds(0), milliseconds(900)},
-            {25 * 86400, milliseconds(0), milliseconds(900)},
+            {2160000, milliseconds(0), milliseconds(900)},
             {1700000000, milliseconds(0), milliseconds(900)},
             {1790000000, milliseconds(0), milliseconds(900)},
             {-5, milliseconds(5900), milliseconds(8000)},

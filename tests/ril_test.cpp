@@ -16,7 +16,6 @@ using android::base::StringPrintf;
 using android::base::StringReplace;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
-using testing::_;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
@@ -31,7 +30,7 @@ constexpr char kOpenCall[] = R"(function: "RILC_Open")";
 std::atomic<bool> linger_at_exit{false};
 
 // Runs before any static object is made, so that what it registers runs after all of them are gone.
-[[gnu::constructor(101)]] void LetAnswersComeAfterTheLastDestructor() {
+[[gnu::constructor(101)]] void LetResponsesComeAfterTheLastDestructor() {
     (void)atexit([] {
         if (linger_at_exit) usleep(20000);
     });
@@ -185,7 +184,7 @@ TEST_F(RequestTest, UnavailableRadioIsAskedAgainWithinTheBudget) {
     Provide("full");
     StrictMock<WaitingCalls> waits;
     std::string pauses;
-    EXPECT_CALL(waits, Sleep(_)).WillRepeatedly([&pauses](unsigned int seconds) {
+    EXPECT_CALL(waits, Sleep(testing::_)).WillRepeatedly([&pauses](unsigned int seconds) {
         pauses += " " + std::to_string(seconds);
         return 0;
     });
@@ -254,23 +253,23 @@ TEST_F(RequestTest, SendersTakeTurns) {
     }
 }
 
-TEST_F(RequestTest, AnswersDuringTheExitOfTheProcessFindNoInstance) {
+TEST_F(RequestTest, ResponsesDuringTheExitOfTheProcessFindNoInstance) {
     constexpr int kProcesses = 10;
     Provide("full");
-    auto exit_while_answered = [] {
-        static std::atomic<int> answers{0};
+    auto exit_while_responses_come = [] {
+        static std::atomic<int> responses{0};
         RilRequestHelper::GetInstance();
         linger_at_exit = true;
         for (int i = 0; i < 2; ++i) {
             std::thread([] {
-                for (;; ++answers) RilRequestHelper::Response(kRequest, 0, nullptr, 0, 0);
+                for (;; ++responses) RilRequestHelper::Response(kRequest, 0, nullptr, 0, 0);
             }).detach();
         }
-        while (answers < 100) std::this_thread::yield();
+        while (responses < 100) std::this_thread::yield();
         exit(0);
     };
     for (int i = 0; i < kProcesses; ++i) {
-        EXPECT_EXIT(exit_while_answered(), testing::ExitedWithCode(0), "");
+        EXPECT_EXIT(exit_while_responses_come(), testing::ExitedWithCode(0), "");
     }
     EXPECT_THAT(CallTexts(), SizeIs(kProcesses)) << "each process opens one client";
 }

@@ -14,7 +14,6 @@
 #include "service/payload_messages.h"
 #include "service/velmar_file_directory.h"
 
-using testing::_;
 using testing::IsEmpty;
 using testing::Return;
 
@@ -24,7 +23,7 @@ using Service = VelmarServiceHandler;
 
 using ServiceTest = ServiceTestCase;
 
-TEST_F(ServiceTest, PayloadsWithoutAHandlerAreLoggedAndNotAnswered) {
+TEST_F(ServiceTest, PayloadsWithoutAHandlerAreLoggedAndDropped) {
     EXPECT_EQ(Request(""), kStatusUnsupported);
     EXPECT_EQ(Request("message_id: 7 extended_log_message {}"), kStatusUnsupported);
     EXPECT_EQ(Indicate("property_message {}"), kStatusUnsupported);
@@ -55,8 +54,7 @@ TEST_F(ServiceTest, HandlersRefuseSilentlyWhatIsNotTheirMessage) {
     const char* const messages[] = {
             "property_message { read_request {} }",
             "file_message { file_write_request { file_dir: FILE_DIRECTORY_MDS file_name: 'f' } }",
-            "file_message { file_write_indication { file_dir: FILE_DIRECTORY_MDS file_name: 'f' } "
-            "}",
+            "file_message { file_write_indication { file_dir: 1 file_name: 'f' } }",
             "modem_temperature_message { set_request { sensors {} } }",
             "modem_stat_message { report_indication { data: 'x' } }",
             "extended_log_message { indication { data: 'x' } }",
@@ -93,7 +91,7 @@ TEST_F(ServiceTest, UnknownCommandsAreRefused) {
     EXPECT_EQ(log.TakeLines(), "E Unsupport command type 5; E Unsupport command type -1");
 }
 
-TEST_F(ServiceTest, PropertyRequestsAreAnsweredByWhatThePropertyHolds) {
+TEST_F(ServiceTest, ResponsesSayWhatThePropertyHolds) {
     folder.SetProperty("vendor.radio.set", "on");
     folder.SetProperty("vendor.radio.empty", "");
     folder.RefuseProperty("vendor.radio.refused");
@@ -134,7 +132,7 @@ TEST_F(ServiceTest, PropertyRequestsAreAnsweredByWhatThePropertyHolds) {
 }
 
 TEST_F(ServiceTest, ResponseThatCannotBeSentGivesItsStatus) {
-    EXPECT_CALL(handler, SendResponse(_)).WillRepeatedly(Return(kStatusWriteFailed));
+    EXPECT_CALL(handler, SendResponse(testing::_)).WillRepeatedly(Return(kStatusWriteFailed));
     EXPECT_EQ(Request("property_message { read_request {} }"), kStatusWriteFailed);
     EXPECT_EQ(Request("modem_temperature_message { set_request {} }"), kStatusWriteFailed);
 }

@@ -13,15 +13,15 @@ using Clock = std::chrono::steady_clock;
 // One thing that happened in a simulated phone. Which fields it has depends on its kind.
 struct Event {
     enum class Kind {
-        kText,      // anything that is worth a line: `text`
-        kHeading,   // `text` names what follows
-        kSent,      // the modem sends the message `bytes` to the service
-        kReceived,  // the modem has received the message `bytes`
+        kText,      // anything that is worth a line
+        kHeading,   // names what follows
+        kSent,      // the modem sends a message, the bytes in `text`, to the service
+        kReceived,  // the modem has received one
         kState,     // the modem's state is `number` from now on; `text` says what is unusual
         kOpened,    // a program of the phone has opened the device `text`
         kClosed,    // ... has closed it
-        kLog,       // a log line: `priority`, `tag`, `text`
-        kRadio,     // a call of the radio's client library: `text`
+        kLog,       // a log line with `priority` and `tag`
+        kRadio,     // a call of the radio's client library
         kProgress,  // `number` of `total` bytes of a file are sent
         // Between these two many events are alike; a writer for people shows few of them.
         kRepetitionBegin,
@@ -30,7 +30,6 @@ struct Event {
 
     Kind kind = Kind::kText;
     std::string text = {};
-    std::string bytes = {};
     std::string tag = {};
     char priority = ' ';
     int64_t number = 0;
@@ -63,5 +62,11 @@ class EventStream {
     std::mutex lock;
     std::vector<EventWriter*> writers;
 };
+
+// A stream for whoever needs none. Any thread.
+inline EventStream& NoWriters() {
+    static EventStream stream;
+    return stream;
+}
 
 }  // namespace velmar_sim

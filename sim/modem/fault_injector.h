@@ -33,7 +33,7 @@ class FaultInjector {
     int Left() const;
 
   private:
-    const StatePtr state;
+    const std::shared_ptr<velmar_phone::PhoneState> state;
     std::mutex lock;
 };
 

@@ -2,7 +2,6 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <stdio.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 
@@ -22,6 +21,8 @@ using android::base::unique_fd;
 
 constexpr mode_t kDirectoryMode = 0770;
 constexpr mode_t kSharedFileMode = 0660;
+// At the root, where no file of the phone lies.
+constexpr char kUnfinishedFile[] = "/unfinished_file";
 
 // What the phone's boot makes and its services rely on.
 constexpr const char* kDirectories[] = {
@@ -44,26 +45,11 @@ void MakeDirectory(const std::string& host_path) {
     }
 }
 
-void PutFile(const std::string& host_path, const std::string& content, mode_t mode) {
-    const unique_fd fd(
-            open(host_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kSharedFileMode));
-    if (fd < 0) ThrowErrno("open " + host_path);
-    if (!android::base::WriteStringToFd(content, fd)) ThrowErrno("write " + host_path);
-    if (fchmod(fd.get(), mode) != 0) ThrowErrno("fchmod " + host_path);
-}
-
 std::string PropertyPath(const std::string& name) {
-    if (name.empty() || name.find('/') != std::string::npos || name.front() == '.') {
-        throw std::runtime_error("\"" + name + "\" is no name for a property");
-    }
     return std::string(velmar_phone::kPropertyDirectory) + "/" + name;
 }
 
 }  // namespace
-
-void StateUnmapper::operator()(velmar_phone::PhoneState* mapped) const {
-    munmap(mapped, sizeof(*mapped));
-}
 
 PhoneFolder::PhoneFolder()
     : temporary(std::make_unique<TemporaryFolder>()), folder_root(temporary->path()) {
@@ -111,7 +97,16 @@ void PhoneFolder::WriteFile(const std::string& path, const std::string& content,
     const std::string host_path = HostPath(path);
     const size_t name = path.rfind('/');
     if (name > 0) MakeDirectories(path.substr(0, name));
-    PutFile(host_path, content, mode);
+    const unique_fd fd(
+            open(host_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kSharedFileMode));
+    if (fd < 0) ThrowErrno("open " + host_path);
+    if (!android::base::WriteStringToFd(content, fd)) ThrowErrno("write " + host_path);
+    if (fchmod(fd.get(), mode) != 0) ThrowErrno("fchmod " + host_path);
+}
+
+void PhoneFolder::ReplaceFile(const std::string& path, const std::string& content) const {
+    WriteFile(kUnfinishedFile, content, kSharedFileMode);
+    std::filesystem::rename(HostPath(kUnfinishedFile), HostPath(path));
 }
 
 std::optional<std::string> PhoneFolder::ReadFile(const std::string& path) const {
@@ -131,16 +126,12 @@ void PhoneFolder::Remove(const std::string& path) const {
 }
 
 void PhoneFolder::SetProperty(const std::string& name, const std::string& value) const {
-    const std::string target = HostPath(PropertyPath(name));
     if (!IsPropertyValue(name, value)) {
         throw std::runtime_error("the value of property " + name + " has " +
                                  std::to_string(value.size()) + " bytes, expected at most " +
                                  std::to_string(kMaxPropertyValue));
     }
-    // Beside the properties, so that the unfinished file never counts as one.
-    const std::string unfinished = folder_root + "/unfinished_property";
-    PutFile(unfinished, value, kSharedFileMode);
-    if (rename(unfinished.c_str(), target.c_str()) != 0) ThrowErrno("rename to " + target);
+    ReplaceFile(PropertyPath(name), value);
 }
 
 std::optional<std::string> PhoneFolder::GetProperty(const std::string& name) const {
@@ -152,14 +143,15 @@ void PhoneFolder::RefuseProperty(const std::string& name) const {
     WriteFile(velmar_phone::kRefusedProperties, refused + name + "\n", kSharedFileMode);
 }
 
-StatePtr PhoneFolder::MapState() const {
+std::shared_ptr<velmar_phone::PhoneState> PhoneFolder::MapState() const {
+    using velmar_phone::PhoneState;
     const std::string path = HostPath(velmar_phone::kStateFile);
     const unique_fd fd(open(path.c_str(), O_RDWR | O_CLOEXEC));
     if (fd < 0) ThrowErrno("open " + path);
-    void* mapped = mmap(nullptr, sizeof(velmar_phone::PhoneState), PROT_READ | PROT_WRITE,
-                        MAP_SHARED, fd.get(), 0);
+    void* mapped = mmap(nullptr, sizeof(PhoneState), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     if (mapped == MAP_FAILED) ThrowErrno("mmap " + path);
-    return StatePtr(static_cast<velmar_phone::PhoneState*>(mapped));
+    const auto unmap = [](PhoneState* state) { munmap(state, sizeof(*state)); };
+    return {static_cast<PhoneState*>(mapped), unmap};
 }
 
 }  // namespace velmar_sim

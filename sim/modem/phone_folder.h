@@ -19,11 +19,6 @@ constexpr char kReplayFiles[] = "/mnt/vendor/modem_userdata/replay";
 // The thermal driver's node.
 constexpr char kThermalNode[] = "/sys/devices/platform/cp-tm1/cp_temp";
 
-struct StateUnmapper {
-    void operator()(velmar_phone::PhoneState* mapped) const;
-};
-using StatePtr = std::unique_ptr<velmar_phone::PhoneState, StateUnmapper>;
-
 // The folder that a simulated phone lives in: its devices, directories, files and properties. Paths
 // are the phone's own, absolute and without "..", such as "/data/vendor/radio/velmar_pid"; the
 // folder itself is named by the workstation's path. A failing operation throws std::runtime_error
@@ -60,6 +55,9 @@ class PhoneFolder {
     // that are missing above it are made.
     void WriteFile(const std::string& path, const std::string& content, mode_t mode = 0644) const;
 
+    // The same at once, with the mode 0660: the file has either content whenever it is read.
+    void ReplaceFile(const std::string& path, const std::string& content) const;
+
     // The content of a file; nothing when there is no such file.
     std::optional<std::string> ReadFile(const std::string& path) const;
 
@@ -79,7 +77,7 @@ class PhoneFolder {
     void RefuseProperty(const std::string& name) const;
 
     // Maps the state that the phone's processes share.
-    StatePtr MapState() const;
+    std::shared_ptr<velmar_phone::PhoneState> MapState() const;
 
   private:
     void Fill() const;

@@ -24,8 +24,9 @@ using velmar_message::VelmarMessage;
 
 // More than any message of either side; the kernel bounds both to the socket's send buffer.
 constexpr size_t kReceiveBufferSize = size_t{1} << 20;
-// Asked for; the kernel grants what its limit allows, and never less than 128 KiB.
+// Asked for; the kernel grants what its limit allows, and always room for the largest message.
 constexpr int kSendBufferSize = 1 << 20;
+constexpr size_t kMaxMessageSize = size_t{128} << 10;
 constexpr std::chrono::seconds kSendTimeout{5};
 // Between two looks at a connection that tells no one of its change.
 constexpr int kPollMilliseconds = 2;
@@ -38,11 +39,6 @@ constexpr uint32_t kUnknownTokenBit = 0x80000000;
 bool IsDrained(int fd) {
     int unread = 0;
     return ioctl(fd, SIOCOUTQ, &unread) != 0 || unread == 0;
-}
-
-bool IsPeerOpen(int fd) {
-    pollfd polled = {fd, POLLRDHUP, 0};
-    return poll(&polled, 1, 0) == 0;
 }
 
 }  // namespace
@@ -75,10 +71,6 @@ void SimulatedModem::Wake() const {
     eventfd_write(wake_fd.get(), 1);
 }
 
-void SimulatedModem::Emit(const Event& event) const {
-    if (events != nullptr) events->Emit(event);
-}
-
 // Called with the lock held.
 void SimulatedModem::AcceptOpeners(Device* device) {
     while (true) {
@@ -88,7 +80,7 @@ void SimulatedModem::AcceptOpeners(Device* device) {
         setsockopt(connection.fd.get(), SOL_SOCKET, SO_SNDBUF, &kSendBufferSize,
                    sizeof(kSendBufferSize));
         device->connections.push_back(std::move(connection));
-        Emit({Event::Kind::kOpened, device->name});
+        events->Emit({Event::Kind::kOpened, device->name});
         changed.notify_all();
         Wake();
     }
@@ -96,7 +88,7 @@ void SimulatedModem::AcceptOpeners(Device* device) {
 
 // Called with the lock held, by the modem's thread.
 void SimulatedModem::Drop(Device* device, Opener connection) {
-    if (!connection->hung_up) Emit({Event::Kind::kClosed, device->name});
+    if (!connection->hung_up) events->Emit({Event::Kind::kClosed, device->name});
     if (device == &channel && connection == channel.connections.begin()) {
         ForgetReadMessages();
         handed_over = 0;
@@ -108,7 +100,7 @@ void SimulatedModem::Drop(Device* device, Opener connection) {
 void SimulatedModem::SetState(int new_state, int wakes) {
     Event event = {Event::Kind::kState, wakes == 1 ? "" : ", events: " + std::to_string(wakes)};
     event.number = new_state;
-    Emit(event);
+    events->Emit(event);
     const std::lock_guard<std::mutex> guard(lock);
     // The state comes first: whoever opened the device before this line is woken, and whoever
     // opens it later reads the new state.
@@ -125,16 +117,10 @@ void SimulatedModem::SetState(int new_state, int wakes) {
 
 bool SimulatedModem::WaitForChannel(milliseconds timeout) {
     std::unique_lock<std::mutex> guard(lock);
-    return changed.wait_for(guard, timeout, [this] { return HasOpener(); });
-}
-
-// Whether the service has the channel open. Called with the lock held.
-bool SimulatedModem::HasOpener() {
-    AcceptOpeners(&channel);
-    // The service may have closed it without the thread having noticed.
-    return std::any_of(
-            channel.connections.begin(), channel.connections.end(),
-            [](const Connection& one) { return !one.finished && IsPeerOpen(one.fd.get()); });
+    return changed.wait_for(guard, timeout, [this] {
+        const auto& all = channel.connections;
+        return std::any_of(all.begin(), all.end(), [](const auto& one) { return !one.finished; });
+    });
 }
 
 void SimulatedModem::Send(const VelmarMessage& message) {
@@ -142,8 +128,12 @@ void SimulatedModem::Send(const VelmarMessage& message) {
 }
 
 void SimulatedModem::SendBytes(const std::string& bytes) {
-    if (bytes.empty()) throw std::runtime_error("a message needs at least one byte");
+    if (bytes.empty() || bytes.size() > kMaxMessageSize) {
+        throw std::runtime_error("a message has 1 to " + std::to_string(kMaxMessageSize) +
+                                 " bytes, found " + std::to_string(bytes.size()));
+    }
     std::unique_lock<std::mutex> guard(lock);
+    events->Emit({Event::Kind::kSent, bytes});
     Enqueue(bytes);
     // A channel that is open has to take it; otherwise it waits for the next one who opens it.
     const auto is_over = [this] {
@@ -159,9 +149,6 @@ void SimulatedModem::SendBytes(const std::string& bytes) {
 
 // Called with the lock held.
 void SimulatedModem::Enqueue(const std::string& bytes) {
-    Event event = {Event::Kind::kSent};
-    event.bytes = bytes;
-    Emit(event);
     unread.push_back(bytes);
     AcceptOpeners(&channel);
     HandOverMessages();
@@ -177,46 +164,36 @@ void SimulatedModem::ForgetReadMessages() {
 }
 
 // Puts what waits into the first connection's socket as far as it has room. All that is unread is
-// in one socket at a time: only so does the count of reads tell which messages were read. Fails for
-// a message that no socket holds, which is then dropped. Called with the lock held.
+// in one socket at a time: only so does the count of reads tell which messages were read. Called
+// with the lock held.
 void SimulatedModem::HandOverMessages() {
     ForgetReadMessages();
     while (handed_over < unread.size() && !channel.connections.empty()) {
-        const Connection& reader = channel.connections.front();
+        Connection& reader = channel.connections.front();
         if (reader.finished) return;
-        const std::string& bytes = unread[handed_over];
-        if (send(reader.fd.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT) >= 0) {
-            if (++handed_over == unread.size()) changed.notify_all();
-        } else if (errno == EAGAIN || errno == EPIPE || errno == ECONNRESET) {
-            // Of a connection that was closed the thread hears too.
+        const auto next = unread.begin() + static_cast<std::ptrdiff_t>(handed_over);
+        // The thread goes on when there is room; of a connection that was closed it hears too.
+        if (send(reader.fd.get(), next->data(), next->size(), MSG_NOSIGNAL | MSG_DONTWAIT) < 0) {
             return;
-        } else {
-            const int error = errno;
-            const std::string what = "a message of " + std::to_string(bytes.size()) + " bytes";
-            unread.erase(unread.begin() + static_cast<std::ptrdiff_t>(handed_over));
-            ThrowErrno(what + " cannot be sent", error);
+        }
+        if (next->empty()) {
+            // An end of file is not counted.
+            reader.finished = true;
+            unread.erase(next);
+        } else if (++handed_over == unread.size()) {
+            changed.notify_all();
         }
     }
 }
 
 void SimulatedModem::SendEndOfFile() {
-    if (events != nullptr) events->EmitText("end of file on the channel");
+    events->EmitText("end of file on the channel");
     const std::lock_guard<std::mutex> guard(lock);
-    AcceptOpeners(&channel);
-    HandOverMessages();
-    if (channel.connections.empty() || channel.connections.front().finished) {
-        throw std::runtime_error("no end of file: the service has not opened the channel");
-    }
-    Connection& reader = channel.connections.front();
-    if (handed_over < unread.size() ||
-        send(reader.fd.get(), "", 0, MSG_NOSIGNAL | MSG_DONTWAIT) < 0) {
-        throw std::runtime_error("no end of file: the channel is full or was closed");
-    }
-    reader.finished = true;
+    Enqueue("");
 }
 
 void SimulatedModem::HangUp() {
-    if (events != nullptr) events->EmitText("modem hangs up");
+    events->EmitText("modem hangs up");
     const std::lock_guard<std::mutex> guard(lock);
     AcceptOpeners(&channel);
     for (Connection& connection : channel.connections) {
@@ -244,11 +221,10 @@ std::optional<ReceivedMessage> SimulatedModem::Receive(milliseconds timeout) {
     return oldest;
 }
 
-void SimulatedModem::SetResponsePolicy(const ResponsePolicy& policy,
-                                       VelmarMessage::PayloadCase payload) {
+void SimulatedModem::SetResponsePolicy(const ResponsePolicy& policy) {
     const std::lock_guard<std::mutex> guard(lock);
-    if (payload == VelmarMessage::PAYLOAD_NOT_SET) policies.clear();
-    policies[payload] = policy;
+    if (policy.payload().empty()) policies.clear();
+    policies[policy.payload()] = policy;
 }
 
 void SimulatedModem::Run() {
@@ -265,7 +241,7 @@ void SimulatedModem::Run() {
             AcceptOpeners(&channel);
             AcceptOpeners(&boot);
             if (!DropHungUp()) timeout = kPollMilliseconds;
-            Attempt([this] { HandOverMessages(); });
+            HandOverMessages();
             for (Device* device : {&channel, &boot}) {
                 auto& all = device->connections;
                 for (Opener opener = all.begin(); opener != all.end(); ++opener) {
@@ -288,15 +264,6 @@ void SimulatedModem::Run() {
             }
         }
         SendDueResponses();
-    }
-}
-
-// Does what may fail on the modem's thread, which has nobody to tell but the events.
-void SimulatedModem::Attempt(const std::function<void()>& action) const {
-    try {
-        action();
-    } catch (const std::runtime_error& error) {
-        Emit({Event::Kind::kText, error.what()});
     }
 }
 
@@ -340,9 +307,7 @@ bool SimulatedModem::ReceiveFrom(const Connection& connection, short happened) {
     message.bytes.assign(receive_buffer, 0, static_cast<size_t>(size));
     message.decoded = message.message.ParseFromString(message.bytes);
     if (!message.decoded) message.message.Clear();
-    Event event = {Event::Kind::kReceived};
-    event.bytes = message.bytes;
-    Emit(event);
+    events->Emit({Event::Kind::kReceived, message.bytes});
     if (message.message.type() == velmar_message::REQUEST) PlanResponses(message.message);
     {
         const std::lock_guard<std::mutex> guard(lock);
@@ -354,24 +319,25 @@ bool SimulatedModem::ReceiveFrom(const Connection& connection, short happened) {
 
 void SimulatedModem::PlanResponses(const VelmarMessage& request) {
     ResponsePolicy policy;
-    policy.responds = false;
     {
         const std::lock_guard<std::mutex> guard(lock);
-        auto found = policies.find(request.payload_case());
-        if (found == policies.end()) found = policies.find(VelmarMessage::PAYLOAD_NOT_SET);
-        if (found != policies.end()) policy = found->second;
+        const auto* payload =
+                VelmarMessage::descriptor()->FindFieldByNumber(request.payload_case());
+        auto found = policies.find(payload == nullptr ? "" : payload->name());
+        if (found == policies.end()) found = policies.find("");
+        if (found == policies.end() || found->second.none()) return;
+        policy = found->second;
     }
-    if (!policy.responds) return;
-    const auto due = Clock::now() + policy.delay;
+    const auto due = Clock::now() + milliseconds(policy.delay_ms());
     VelmarMessage response;
     response.set_type(velmar_message::RESPONSE);
-    if (policy.result) response.set_result(*policy.result);
-    if (policy.unknown_token_first) {
+    if (!policy.no_result()) response.set_result(policy.result());
+    if (policy.unknown_token_first()) {
         response.set_token(request.token() ^ kUnknownTokenBit);
         planned_responses.emplace(due, response.SerializeAsString());
     }
     response.set_token(request.token());
-    for (int i = 0; i < policy.copies; ++i) {
+    for (int copies = policy.twice() ? 2 : 1; copies > 0; --copies) {
         planned_responses.emplace(due, response.SerializeAsString());
     }
 }
@@ -390,7 +356,8 @@ void SimulatedModem::SendDueResponses() {
         const std::string bytes = planned_responses.begin()->second;
         planned_responses.erase(planned_responses.begin());
         const std::lock_guard<std::mutex> guard(lock);
-        Attempt([&] { Enqueue(bytes); });
+        events->Emit({Event::Kind::kSent, bytes});
+        Enqueue(bytes);
     }
 }
 

@@ -3,7 +3,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <deque>
-#include <functional>
 #include <list>
 #include <map>
 #include <mutex>
@@ -16,6 +15,7 @@
 #include "proto/velmar_message.pb.h"
 #include "sim/modem/event.h"
 #include "sim/modem/phone_folder.h"
+#include "sim/modem/response_policy.pb.h"
 
 namespace velmar_sim {
 
@@ -30,22 +30,6 @@ struct ReceivedMessage {
     bool decoded = false;
 };
 
-// How the modem responds to requests of the service by itself.
-struct ResponsePolicy {
-    // A service that sends a request first and prepares for its response afterwards misses a
-    // response that comes at once; a modem never is that quick.
-    static constexpr std::chrono::milliseconds kUsualDelay{50};
-
-    bool responds = true;
-    // Outcome in the response; nothing leaves the field out.
-    std::optional<velmar_message::VelmarResult> result = velmar_message::SUCCESS;
-    std::chrono::milliseconds delay = kUsualDelay;
-    // How many times the same response is sent.
-    int copies = 1;
-    // Sends a response with a token that nobody uses before the right one.
-    bool unknown_token_first = false;
-};
-
 // The modem's side of the channel and of the boot device of a simulated phone. It exists before the
 // service starts.
 //
@@ -58,8 +42,8 @@ struct ResponsePolicy {
 // that says what could not be done and why.
 class SimulatedModem {
   public:
-    // Begins to serve the devices of `folder`. `events` is borrowed and may be null.
-    explicit SimulatedModem(const PhoneFolder& folder, EventStream* events = nullptr);
+    // Begins to serve the devices of `folder`. `events` is borrowed.
+    explicit SimulatedModem(const PhoneFolder& folder, EventStream* events = &NoWriters());
     ~SimulatedModem();
     SimulatedModem(const SimulatedModem&) = delete;
     SimulatedModem& operator=(const SimulatedModem&) = delete;
@@ -71,16 +55,16 @@ class SimulatedModem {
     // Waits until the service has opened the channel; false when it has not after `timeout`.
     bool WaitForChannel(std::chrono::milliseconds timeout);
 
-    // Sends one message. Fails when the message is larger than the channel holds, and when the
-    // channel has been full for 5 s; the message then waits in it all the same.
+    // Sends one message. Fails when it has more than 128 KiB, and when the channel has been full
+    // for 5 s; then it waits in the channel all the same.
     void Send(const velmar_message::VelmarMessage& message);
 
     // The same with any bytes, at least one.
     void SendBytes(const std::string& bytes);
 
-    // Makes one read of the service come out as end of file, once it has read all messages. Fails
-    // when nobody has the channel open, and when the channel is full. The connection counts as
-    // finished: WaitForChannel awaits a service that has opened the channel again.
+    // Makes one read of the service come out as end of file, once it has read all messages. The
+    // connection counts as finished: WaitForChannel awaits a service that has opened the channel
+    // again.
     void SendEndOfFile();
 
     // Closes the channel from the modem's side.
@@ -92,11 +76,9 @@ class SimulatedModem {
     // The oldest message that was not taken yet; nothing when none comes within `timeout`.
     std::optional<ReceivedMessage> Receive(std::chrono::milliseconds timeout);
 
-    // Sets how the modem responds to requests with this payload from now on; PAYLOAD_NOT_SET sets
-    // it for every payload. Without any policy it does not respond.
-    void SetResponsePolicy(const ResponsePolicy& policy,
-                           velmar_message::VelmarMessage::PayloadCase payload =
-                                   velmar_message::VelmarMessage::PAYLOAD_NOT_SET);
+    // Sets how the modem responds from now on to requests with the policy's payload; a policy for
+    // all replaces those for one. Without any policy it does not respond.
+    void SetResponsePolicy(const ResponsePolicy& policy);
 
   private:
     struct Connection {
@@ -117,14 +99,11 @@ class SimulatedModem {
     using Opener = std::list<Connection>::iterator;
 
     void Run();
-    void Attempt(const std::function<void()>& action) const;
     short AwaitedEvents(const Device* device, Opener opener);
     void Wake() const;
-    void Emit(const Event& event) const;
     void AcceptOpeners(Device* device);
     void Drop(Device* device, Opener connection);
     bool DropHungUp();
-    bool HasOpener();
     void Enqueue(const std::string& bytes);
     void ForgetReadMessages();
     void HandOverMessages();
@@ -134,7 +113,7 @@ class SimulatedModem {
     int UntilNextResponse() const;
 
     EventStream* const events;
-    const StatePtr state;
+    const std::shared_ptr<velmar_phone::PhoneState> state;
     const android::base::unique_fd wake_fd;
     // Of the modem's thread alone.
     std::string receive_buffer;
@@ -145,13 +124,14 @@ class SimulatedModem {
     std::condition_variable changed;
     Device channel;
     Device boot;
-    // What was sent and not read yet, oldest first. So many of them are in the socket of the
-    // channel's first connection; the phone counts those that were read.
+    // What was sent and not read yet, oldest first; an end of file is empty. So many of them are in
+    // the socket of the channel's first connection; the phone counts those that were read.
     std::deque<std::string> unread;
     size_t handed_over = 0;
     uint32_t reads_seen = 0;
     std::deque<ReceivedMessage> received;
-    std::map<int, ResponsePolicy> policies;
+    // By payload.
+    std::map<std::string, ResponsePolicy> policies;
     bool reading = true;
     bool stopping = false;
 

@@ -30,16 +30,12 @@ unique_fd Open(const std::string& folder) {
     return unique_fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
-// Whether the folder exists and nobody else has the lock; the lock lasts as long as `folder`.
+// Whether the folder still exists, is this user's, and nobody else has the lock; the lock lasts as
+// long as `folder`.
 bool Lock(const unique_fd& folder) {
     struct stat status;
     return folder >= 0 && flock(folder.get(), LOCK_EX | LOCK_NB) == 0 &&
-           fstat(folder.get(), &status) == 0 && status.st_nlink > 0;
-}
-
-bool IsMine(const unique_fd& folder) {
-    struct stat status;
-    return folder >= 0 && fstat(folder.get(), &status) == 0 && status.st_uid == geteuid();
+           fstat(folder.get(), &status) == 0 && status.st_nlink > 0 && status.st_uid == geteuid();
 }
 
 void RemoveAbandonedFolders() {
@@ -50,9 +46,7 @@ void RemoveAbandonedFolders() {
         if (entry->path().filename().string().rfind(prefix, 0) != 0) continue;
         const unique_fd folder = Open(entry->path());
         std::error_code not_removed;
-        if (IsMine(folder) && Lock(folder)) {
-            std::filesystem::remove_all(entry->path(), not_removed);
-        }
+        if (Lock(folder)) std::filesystem::remove_all(entry->path(), not_removed);
     }
 }
 

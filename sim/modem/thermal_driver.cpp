@@ -80,7 +80,6 @@ bool ThermalDriver::ReadToEnd(const unique_fd& writer) {
             continue;
         }
         writes.emplace_back(buffer, static_cast<size_t>(size));
-        if (events == nullptr) continue;
         events->EmitText("velmar wrote \"" + google::protobuf::CEscape(writes.back()) + "\" to " +
                          kThermalNode);
     }

@@ -17,9 +17,8 @@ namespace velmar_sim {
 // the service starts. Operations may be called from any thread.
 class ThermalDriver {
   public:
-    // Begins to serve the node of `folder`. `events` is borrowed and may be null. Throws
-    // std::runtime_error.
-    explicit ThermalDriver(const PhoneFolder& folder, EventStream* events = nullptr);
+    // Begins to serve the node of `folder`. `events` is borrowed. Throws std::runtime_error.
+    explicit ThermalDriver(const PhoneFolder& folder, EventStream* events = &NoWriters());
     ~ThermalDriver();
     ThermalDriver(const ThermalDriver&) = delete;
     ThermalDriver& operator=(const ThermalDriver&) = delete;

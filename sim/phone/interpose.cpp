@@ -44,7 +44,7 @@ namespace {
 // clang-format on
 
 struct LibcCalls {
-#define DECLARE(name) decltype(&::name) name;
+#define DECLARE(name) decltype(&::name) name;  // NOLINT(bugprone-macro-parentheses)
     TAKEN_OVER(DECLARE)
 #undef DECLARE
 };
@@ -104,12 +104,11 @@ struct PhonePath {
 
 // Whether the call `name` fails before it is made, by a path or by a fault; sets errno.
 bool Fails(const char* name, const PhonePath& at, const PhonePath* other = nullptr) {
-    const Phone* phone = at.phone == nullptr && other != nullptr ? other->phone : at.phone;
-    if (phone == nullptr) return false;
+    if (at.phone == nullptr) return false;
     int error = at.error == 0 && other != nullptr ? other->error : at.error;
     if (error == 0) {
         const char* second = other != nullptr ? other->given : nullptr;
-        error = TakeFault(*phone, name, at.given, second).value_or(FaultHit()).error;
+        error = TakeFault(*at.phone, name, at.given, second).value_or(FaultHit()).error;
     }
     if (error != 0) errno = error;
     return error != 0;
@@ -121,8 +120,9 @@ auto OnPath(const char* name, const char* path, LastLink last, const Call& call)
     PhonePath at(path, last);
     using Result = decltype(call(at));
     if (!Fails(name, at)) return call(at);
-    // A call that fails returns null or -1.
-    return std::is_pointer_v<Result> ? Result() : Result(-1L);
+    Result failure = {};
+    if constexpr (!std::is_pointer_v<Result>) failure = -1;
+    return failure;
 }
 
 // The same for a call that gives the file `from` the name `to` as well, or instead.
@@ -144,8 +144,7 @@ int Open(const char* path, int flags, const Call& call) {
 }
 
 FILE* OpenDeviceStream(const PhonePath& at, const char* mode) {
-    const bool is_for_both = strchr(mode, '+') != nullptr;
-    const int access = is_for_both ? O_RDWR : mode[0] == 'r' ? O_RDONLY : O_WRONLY;
+    const int access = strchr(mode, '+') ? O_RDWR : mode[0] == 'r' ? O_RDONLY : O_WRONLY;
     const int fd = OpenDevice(at.phone, at.resolved, access | O_CLOEXEC);
     return fd < 0 ? nullptr : fdopen(fd, mode);
 }

@@ -50,21 +50,17 @@ std::string PathOf(const char* file) {
     return std::string(root) + file;
 }
 
-// The radio's text goes to `text`.
-Radio ReadRadio(std::string* text) {
-    const std::string path = PathOf(kRadioFile);
-    if (!android::base::ReadFileToString(path, text)) text->clear();
+Radio ParseRadio(const std::string& text) {
     Radio radio;
     // What is wrong with it is in protobuf's own message on standard error.
-    if (!google::protobuf::TextFormat::ParseFromString(*text, &radio)) {
-        Die(path + ": expected a velmar_sim.Radio in text form");
-    }
-    return radio;
+    if (google::protobuf::TextFormat::ParseFromString(text, &radio)) return radio;
+    Die(PathOf(kRadioFile) + ": expected a velmar_sim.Radio in text form");
 }
 
-Radio ReadRadio() {
+std::string ReadRadio() {
     std::string text;
-    return ReadRadio(&text);
+    android::base::ReadFileToString(PathOf(kRadioFile), &text);
+    return text;
 }
 
 RadioCall NewCall(const char* function) {
@@ -94,12 +90,12 @@ void Record(const RadioCall& call) {
 
 void* Open(const RadioCall& call) {
     Record(call);
-    return ReadRadio().no_client() ? nullptr : &client_handle;
+    return ParseRadio(ReadRadio()).no_client() ? nullptr : &client_handle;
 }
 
 int RecordAndReturn(const RadioCall& call) {
     Record(call);
-    return ReadRadio().result();
+    return ParseRadio(ReadRadio()).result();
 }
 
 // The response to the next request.
@@ -108,8 +104,8 @@ RadioResponse NextResponse() {
     static auto* seen = new std::string;
     static int requests = 0;
     const std::lock_guard<std::mutex> guard(lock);
-    std::string text;
-    const Radio radio = ReadRadio(&text);
+    const std::string text = ReadRadio();
+    const Radio radio = ParseRadio(text);
     if (text != *seen) requests = 0;
     *seen = text;
     const int index = std::min(requests++, radio.answer_size() - 1);
@@ -148,7 +144,7 @@ int RILC_Send(void* client, unsigned int request, void* data, size_t length,
               ResponseCallback callback, unsigned int extra) {
     RadioCall call = NewCall("RILC_Send", client);
     call.mutable_request()->set_request(request);
-    if (data != nullptr) call.mutable_request()->set_data(data, length);
+    call.mutable_request()->set_data(data, data == nullptr ? 0 : length);
     call.set_extra(extra);
     const int result = RecordAndReturn(call);
     const RadioResponse response = NextResponse();

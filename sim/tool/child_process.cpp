@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <stdio.h>
 #include <string.h>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
@@ -80,9 +81,9 @@ std::vector<std::string> Environment(const std::vector<std::string>& variables) 
     return all;
 }
 
-// In the new process, between fork and exec: system calls only. Gives the error of exec.
-int BecomeProgram(const Launch& launch, char* const* arguments, char* const* environment,
-                  pid_t parent, int output, int errors) {
+// In the new process, between fork and exec: system calls only.
+[[noreturn]] void BecomeProgram(const Launch& launch, char* const* arguments,
+                                char* const* environment, pid_t parent, int output, int errors) {
     // With what it starts it is a group of its own, which can be killed as a whole, and which the
     // terminal's signals do not reach.
     setpgid(0, 0);
@@ -100,7 +101,9 @@ int BecomeProgram(const Launch& launch, char* const* arguments, char* const* env
     dup2(output, STDOUT_FILENO);
     dup2(errors, STDERR_FILENO);
     execve(launch.executable.c_str(), arguments, environment);
-    return errno;
+    dprintf(STDERR_FILENO, "cannot run %s: %s\n", launch.executable.c_str(),
+            strerrordesc_np(errno));
+    _exit(kCannotRun);
 }
 
 }  // namespace
@@ -108,10 +111,6 @@ int BecomeProgram(const Launch& launch, char* const* arguments, char* const* env
 ChildProcess::ChildProcess(const Launch& launch, OutputReader output, OutputReader errors) {
     OutputEnds output_ends(output != nullptr);
     OutputEnds error_ends(errors != nullptr);
-    int report_ends[2];
-    if (pipe2(report_ends, O_CLOEXEC) != 0) ThrowErrno("pipe2");
-    const unique_fd report(report_ends[0]);
-    unique_fd reporting(report_ends[1]);
     std::vector<std::string> argument_texts = launch.arguments;
     std::vector<std::string> environment_texts = Environment(launch.variables);
     const std::vector<char*> arguments = Pointers(&argument_texts);
@@ -121,20 +120,11 @@ ChildProcess::ChildProcess(const Launch& launch, OutputReader output, OutputRead
     pid = fork();
     if (pid < 0) ThrowErrno("fork");
     if (pid == 0) {
-        const int error = BecomeProgram(launch, arguments.data(), environment.data(), parent,
-                                        output_ends.writing.get(), error_ends.writing.get());
-        [[maybe_unused]] const ssize_t told = write(reporting.get(), &error, sizeof(error));
-        _exit(kCannotRun);
+        BecomeProgram(launch, arguments.data(), environment.data(), parent,
+                      output_ends.writing.get(), error_ends.writing.get());
     }
-    reporting.reset();
     output_ends.writing.reset();
     error_ends.writing.reset();
-    int error = 0;
-    // The descriptor closes with a successful exec, so this read waits for either.
-    if (read(report.get(), &error, sizeof(error)) > 0) {
-        waitpid(pid, &status, 0);
-        ThrowErrno("cannot run " + launch.executable, error);
-    }
     running = true;
     StartReader(std::move(output_ends.reading), std::move(output));
     StartReader(std::move(error_ends.reading), std::move(errors));

@@ -32,8 +32,9 @@ class ChildProcess {
     // of its own for each of the two outputs.
     using OutputReader = std::function<void(const std::string&)>;
 
-    // Starts the program. An output without a reader goes nowhere. Throws std::runtime_error when
-    // the program cannot be run.
+    // Starts the program. An output without a reader goes nowhere. A program that cannot be run
+    // says so on its standard error and ends with status 127. Throws std::runtime_error when no
+    // process can be made.
     ChildProcess(const Launch& launch, OutputReader output, OutputReader errors);
     // Kills what still runs.
     ~ChildProcess();

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <sstream>
 
+#include "android-base/stringprintf.h"
 #include "google/protobuf/util/message_differencer.h"
 
 #include "sim/tool/message_text.h"
@@ -13,6 +14,7 @@ namespace velmar_sim {
 
 namespace {
 
+using android::base::StringPrintf;
 using google::protobuf::util::MessageDifferencer;
 using velmar_message::VelmarMessage;
 
@@ -57,7 +59,8 @@ std::string FileDifference(const FileState& expected, const PhoneFolder& folder)
     if (expected.missing()) return mode ? path + " exists, expected none" : "";
     if (!mode) return path + " does not exist";
     if (expected.has_mode() && mode != ModeFromText(expected.mode())) {
-        return path + " has another mode" + ExpectedActual(expected.mode(), ModeText(*mode));
+        return path + " has another mode" +
+               ExpectedActual(expected.mode(), StringPrintf("%04o", *mode));
     }
     if (!expected.has_content() && !expected.has_matching()) return "";
     const std::string content = folder.ReadFile(path).value_or("");
@@ -97,9 +100,9 @@ std::string ThermalDifference(const ThermalWrites& expected,
     const std::vector<std::string> wanted(expected.write().begin(), expected.write().end());
     if (actual == wanted) return "";
     const auto describe = [](const std::vector<std::string>& all) {
-        std::string text;
+        std::string text = all.empty() ? "-" : "";
         for (const std::string& one : all) text += (text.empty() ? "" : ", ") + QuoteBytes(one);
-        return text.empty() ? std::string("-") : text;
+        return text;
     };
     return "the writes to the thermal node differ" +
            ExpectedActual(describe(wanted), describe(actual));

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -17,14 +15,14 @@ namespace velmar_sim {
 
 // What keeps the push from being played, as far as that can be told beforehand; empty when nothing
 // does. Looks at its source. Any thread.
-std::string PushFault(const Push& push);
+std::string PushError(const Push& push);
 
 // A file on its way from the modem to the phone. Its bytes are made or read, and forgotten, chunk
 // by chunk; those of the stored file are compared with the same bytes, made or read again. One
 // thread.
 class FilePush {
   public:
-    // `push`, which has no fault, and `folder` are borrowed. Throws std::runtime_error when the
+    // `push`, which has no error, and `folder` are borrowed. Throws std::runtime_error when the
     // source cannot be opened.
     FilePush(const Push& push, const PhoneFolder& folder);
 
@@ -41,19 +39,20 @@ class FilePush {
     // "chunk 3 of 70 at offset 120000".
     std::string ChunkName() const;
 
-    // What is wrong with the stored file, once all chunks are sent; empty when nothing is.
+    // What is wrong with the stored file, once all chunks are sent; empty when nothing is. Throws
+    // std::runtime_error when the source cannot be read.
     std::string StoredDifference() const;
 
     // Path of the stored file on the phone.
     const std::string& target() const { return target_path; }
     uint64_t size() const { return total; }
     // Bytes in all chunks made so far.
-    uint64_t done() const { return offset + chunk_bytes.size(); }
+    uint64_t done() const;
     uint64_t chunk_count() const;
 
   private:
-    // Fills a piece with the bytes that follow those of the last one.
-    using ByteSource = std::function<void(std::string*)>;
+    // Gives the following bytes, so many.
+    using ByteSource = std::function<std::string(size_t)>;
 
     static ByteSource OpenSource(const Push& push);
     std::string ContentDifference() const;
@@ -65,9 +64,7 @@ class FilePush {
     // Keeps the inode of a target of that name from being used again for the new one.
     const android::base::unique_fd earlier_target;
     const ByteSource read_source;
-    uint64_t index = 0;
-    uint64_t offset = 0;
-    std::string chunk_bytes;
+    uint64_t chunks_made = 0;
     velmar_message::VelmarMessage chunk;
 };
 

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <regex>
 
+#include "android-base/strings.h"
+
 namespace velmar_sim {
 
 namespace {
@@ -15,6 +17,12 @@ const std::regex& LogHeader() {
     return header;
 }
 
+LogLine MakeLine(char priority, const std::string& tag, const std::string& text) {
+    LogLine line = {Event::Kind::kLog, text, tag};
+    line.priority = priority;
+    return line;
+}
+
 }  // namespace
 
 std::vector<LogLine> LogLineParser::Parse(const std::string& written) {
@@ -22,23 +30,16 @@ std::vector<LogLine> LogLineParser::Parse(const std::string& written) {
     if (std::regex_search(written, match, LogHeader(), std::regex_constants::match_continuous)) {
         std::string text = match.suffix();
         if (!text.empty() && text.back() == '\n') text.pop_back();
-        return {{match[2].str()[0], match[1], text}};
+        return {MakeLine(match[2].str()[0], match[1], text)};
     }
-    std::vector<LogLine> lines;
     unfinished += written;
-    size_t begin = 0;
-    for (size_t end = unfinished.find('\n'); end != std::string::npos;
-         end = unfinished.find('\n', begin)) {
-        lines.push_back({' ', tag, unfinished.substr(begin, end - begin)});
-        begin = end + 1;
-    }
-    unfinished.erase(0, begin);
+    std::vector<std::string> texts = android::base::Split(unfinished, "\n");
+    unfinished = written.empty() ? "" : texts.back();
+    if (!written.empty() || texts.back().empty()) texts.pop_back();
+    std::vector<LogLine> lines;
+    lines.reserve(texts.size());
+    for (const std::string& text : texts) lines.push_back(MakeLine(' ', tag, text));
     return lines;
-}
-
-std::vector<LogLine> LogLineParser::Finish() {
-    if (unfinished.empty()) return {};
-    return {{' ', tag, std::move(unfinished)}};
 }
 
 void LogStream::Append(const std::vector<LogLine>& more) {
@@ -62,10 +63,9 @@ std::optional<size_t> LogStream::Find(size_t begin, const Matcher& matches,
     return at;
 }
 
-std::vector<LogLine> LogStream::Last(size_t count, size_t begin) const {
+std::vector<LogLine> LogStream::Last(size_t count) const {
     const std::lock_guard<std::mutex> guard(lock);
-    const size_t from = std::max(begin, lines.size() - std::min(count, lines.size()));
-    return {lines.begin() + static_cast<std::ptrdiff_t>(std::min(from, lines.size())), lines.end()};
+    return {lines.end() - static_cast<std::ptrdiff_t>(std::min(count, lines.size())), lines.end()};
 }
 
 bool IsSanitizerReport(const LogLine& line) {
@@ -78,15 +78,8 @@ bool IsSanitizerReport(const LogLine& line) {
 }
 
 std::string DescribeLogLine(const LogLine& line) {
-    constexpr char kContinuation[] = "\n                ";
-    std::string text;
-    for (const char byte : line.text) {
-        if (byte == '\n') {
-            text += kContinuation;
-        } else {
-            text += byte;
-        }
-    }
+    const std::string text =
+            android::base::StringReplace(line.text, "\n", "\n                ", true);
     const std::string priority = line.priority == ' ' ? "" : std::string(1, line.priority) + ' ';
     return priority + line.tag + ": " + text;
 }

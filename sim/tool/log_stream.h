@@ -8,19 +8,17 @@
 #include <string>
 #include <vector>
 
+#include "sim/modem/event.h"
+
 namespace velmar_sim {
 
 // Tags of what the phone's programs write outside of the log.
 constexpr char kStandardErrorTag[] = "stderr";
 constexpr char kStandardOutputTag[] = "stdout";
 
-// One line of the phone's log. `text` may hold line feeds.
-struct LogLine {
-    // One of "VDIWEF"; ' ' for what was written outside of the log.
-    char priority = ' ';
-    std::string tag;
-    std::string text;
-};
+// One line of the phone's log: an event of the kind kLog, with "VDIWEF" as priorities, and ' ' for
+// what was written outside of the log. Its text may hold line feeds.
+using LogLine = Event;
 
 // Finds the log lines in what one program writes. One thread.
 class LogLineParser {
@@ -28,12 +26,10 @@ class LogLineParser {
     // `plain_tag` is the tag of lines that do not come from the log.
     explicit LogLineParser(std::string plain_tag) : tag(std::move(plain_tag)) {}
 
-    // The lines that end in `written`, the bytes of one write of the program. The log writes each
-    // of its lines at once, so a line feed inside a line of the log is part of its text.
+    // The lines that end in `written`, the bytes of one write of the program; empty at the end,
+    // when a last line may lack its line feed. The log writes each of its lines at once, so a line
+    // feed inside a line of the log is part of its text.
     std::vector<LogLine> Parse(const std::string& written);
-
-    // What is left at the end: a last line without its line feed.
-    std::vector<LogLine> Finish();
 
   private:
     const std::string tag;
@@ -52,8 +48,8 @@ class LogStream {
     std::optional<size_t> Find(size_t begin, const Matcher& matches,
                                std::chrono::milliseconds timeout);
 
-    // The last lines from `begin` on, at most `count`.
-    std::vector<LogLine> Last(size_t count, size_t begin = 0) const;
+    // The last lines, at most `count`.
+    std::vector<LogLine> Last(size_t count) const;
 
   private:
     mutable std::mutex lock;

@@ -1,5 +1,6 @@
 #include "sim/tool/message_text.h"
 
+#include "android-base/stringprintf.h"
 #include "google/protobuf/descriptor.h"
 #include "google/protobuf/stubs/strutil.h"
 #include "google/protobuf/text_format.h"
@@ -63,13 +64,10 @@ std::string QuoteBytes(const std::string& bytes) {
 }
 
 std::string HexBytes(const std::string& bytes) {
-    constexpr char kDigits[] = "0123456789abcdef";
     std::string text;
     for (const char byte : bytes.substr(0, kMaxShownBytes)) {
-        const auto value = static_cast<unsigned char>(byte);
-        if (!text.empty()) text += ' ';
-        text += kDigits[value >> 4];
-        text += kDigits[value & 15];
+        text += android::base::StringPrintf(text.empty() ? "%02x" : " %02x",
+                                            static_cast<unsigned char>(byte));
     }
     return bytes.size() > kMaxShownBytes ? text + " ..." : text;
 }

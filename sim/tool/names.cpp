@@ -45,14 +45,6 @@ std::optional<mode_t> ModeFromText(const std::string& text) {
     return mode;
 }
 
-std::string ModeText(mode_t mode) {
-    std::string digits;
-    for (int shift = 9; shift >= 0; shift -= 3) {
-        digits += static_cast<char>('0' + ((mode >> shift) & 7));
-    }
-    return digits;
-}
-
 std::optional<char> PriorityFromText(const std::string& text) {
     if (text.size() != 1) return std::nullopt;
     const std::string known = kPriorities;

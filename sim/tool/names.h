@@ -17,8 +17,6 @@ std::string SignalName(int signal);
 std::optional<int> ErrorFromName(const std::string& name);
 // "0644" -> 0644; octal digits only, at most 07777.
 std::optional<mode_t> ModeFromText(const std::string& text);
-// 0644 -> "0644".
-std::string ModeText(mode_t mode);
 // "I" or "4" -> 'I'.
 std::optional<char> PriorityFromText(const std::string& text);
 

@@ -1,11 +1,13 @@
 #include "sim/tool/run_command.h"
 
+#include <signal.h>
 #include <unistd.h>
 
 #include <exception>
 #include <filesystem>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -23,16 +25,6 @@ namespace {
 constexpr size_t kShownLogLines = 20;
 
 constexpr char kFooter[] =
-        "Example:\n"
-        "  velmar_sim run hello.textproto\n"
-        "with this in hello.textproto:\n"
-        "  description: \"The modem asks for a property.\"\n"
-        "  phone { modem_state: 4 property { name: \"ro.product.model\" value: \"Phone\" } }\n"
-        "  step { send { type: REQUEST token: 7 property_message {\n"
-        "      read_request { name: \"ro.product.model\" } } } }\n"
-        "  step { expect { type: RESPONSE message_id: 7 token: 7 result: SUCCESS\n"
-        "      property_message { read_response { value: \"Phone\" } } } }\n"
-        "\n"
         "Exit status: 0 all scenarios passed, 1 one failed, 2 bad usage or a bad scenario.";
 
 struct Options {
@@ -52,15 +44,6 @@ bool IsEndAwaited(const Scenario& scenario, int current) {
     return false;
 }
 
-// The text for a failed step with the last lines of the log.
-std::string FailureText(const std::string& place, const std::string& reason,
-                        const std::vector<LogLine>& last_lines) {
-    std::string text = place + " " + reason + "\n";
-    if (!last_lines.empty()) text += "  last log lines:\n";
-    for (const LogLine& line : last_lines) text += "    " + DescribeLogLine(line) + "\n";
-    return text;
-}
-
 // Plays the scenario; returns what to say about its failure, nothing when it passed.
 std::string FindFailure(const ScenarioFile& file, const Options& options) {
     const Scenario& scenario = file.scenario;
@@ -68,28 +51,30 @@ std::string FindFailure(const ScenarioFile& file, const Options& options) {
     EventStream events;
     if (!options.quiet) events.Attach(&transcript);
     events.Emit({Event::Kind::kHeading, file.path + ": " + scenario.description()});
-    std::string place = file.path + ":";
+    std::string place = file.path + ": ";
+    std::optional<Simulation> simulation;
     try {
         PhoneFolder folder = options.keep ? PhoneFolder(MakeFolder("kept")) : PhoneFolder();
         if (options.keep) std::cout << "folder " << folder.root() << std::endl;
-        Simulation simulation(scenario.phone(), options.velmar, std::move(folder), &events);
-        StepPlayer player(scenario.phone(), options.time_factor, &simulation, &events);
-        try {
-            player.Start();
-            for (int i = 0; i < scenario.step_size(); ++i) {
-                place = file.path + ":" + std::to_string(file.step_lines[i]) + ":";
-                player.Play(scenario.step(i), IsEndAwaited(scenario, i));
-            }
-            place = file.path + ":";
-            player.Finish();
-        } catch (const std::exception& error) {
-            player.EndService();
-            return FailureText(place, error.what(), simulation.log().Last(kShownLogLines));
+        simulation.emplace(scenario.phone(), options.velmar, std::move(folder), &events);
+        StepPlayer player(scenario.phone(), options.time_factor, &*simulation, &events);
+        player.Start();
+        for (int i = 0; i < scenario.step_size(); ++i) {
+            place = file.path + ":" + std::to_string(file.step_lines[i]) + ": ";
+            player.Play(scenario.step(i), IsEndAwaited(scenario, i));
         }
+        place = file.path + ": ";
+        player.Finish();
+        return "";
     } catch (const std::exception& error) {
-        return place + " " + error.what() + "\n";
+        std::string text = place + error.what() + "\n";
+        if (!simulation) return text;
+        text += "  last log lines:\n";
+        for (const LogLine& line : simulation->log().Last(kShownLogLines)) {
+            text += "    " + DescribeLogLine(line) + "\n";
+        }
+        return text;
     }
-    return "";
 }
 
 int Run(const Options& options) {
@@ -108,6 +93,8 @@ int Run(const Options& options) {
     int steps = 0;
     for (const ScenarioFile& file : files) {
         const std::string failure = FindFailure(file, options);
+        // Nobody reads on.
+        if (NotedSignal() == SIGPIPE) return kFailed;
         // In one piece, since other output may come between pieces.
         std::cerr << failure;
         std::cout << (failure.empty() ? "PASS " : "FAIL ") << file.path << std::endl;

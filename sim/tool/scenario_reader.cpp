@@ -4,12 +4,13 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
-#include <initializer_list>
-#include <iterator>
+#include <functional>
+#include <map>
 #include <regex>
+#include <set>
 #include <system_error>
 
+#include "android-base/file.h"
 #include "google/protobuf/io/tokenizer.h"
 #include "google/protobuf/text_format.h"
 
@@ -21,223 +22,172 @@ namespace velmar_sim {
 
 namespace {
 
+using google::protobuf::DynamicCastToGenerated;
+using google::protobuf::FieldDescriptor;
+using google::protobuf::Message;
 using google::protobuf::TextFormat;
 using velmar_message::VelmarMessage;
 
-constexpr const char* kFaultCalls[] = {"open",  "stat",   "read",   "write", "select", "poll",
-                                       "ioctl", "unlink", "rename", "chmod", "close"};
+// What the texts in a field have to be.
+struct TextRule {
+    std::string what;
+    std::function<bool(const std::string&)> is_met;
+};
 
-constexpr const char* kEntryPoints[] = {"RILC_Open",
-                                        "RILC_OpenV2",
-                                        "RILC_Close",
-                                        "RILC_Reconnect",
-                                        "RILC_RegisterUnsolicitedHandler",
-                                        "RILC_Send",
-                                        "RILC_SetIndicationFilter"};
-
-// The functions below say what is wrong with a part of a scenario; an empty text is no fault.
-
-std::string FirstOf(std::initializer_list<std::string> faults) {
-    for (const std::string& fault : faults) {
-        if (!fault.empty()) return fault;
-    }
-    return "";
+bool IsPayload(const std::string& name) {
+    const auto* field = VelmarMessage::descriptor()->FindFieldByName(name);
+    return field != nullptr && field->containing_oneof() != nullptr;
 }
 
-std::string Unless(bool right, const std::string& expected) {
-    return right ? "" : expected;
-}
-
-std::string Expected(bool right, const std::string& what, const std::string& found) {
-    return Unless(right, "expected " + what + ", found \"" + found + "\"");
-}
-
-std::string PathFault(const std::string& path) {
-    return Expected(PhoneFolder::IsPhonePath(path), "an absolute path without \"..\"", path);
-}
-
-std::string ModeFault(const std::string& mode) {
-    return Expected(ModeFromText(mode).has_value(), "permissions in octal such as \"0644\"", mode);
-}
-
-std::string SignalFault(const std::string& name) {
-    return Expected(SignalFromName(name).has_value(), "a signal such as \"SIGUSR1\"", name);
-}
-
-std::string PatternFault(const std::string& pattern) {
+bool IsPattern(const std::string& text) {
     try {
-        const std::regex compiled(pattern);
-        return "";
-    } catch (const std::regex_error& error) {
-        return Expected(false, "a regular expression", pattern) + ": " + error.what();
+        const std::regex compiled(text);
+        return true;
+    } catch (const std::regex_error&) {
+        return false;
     }
 }
 
-std::string FaultOf(const Property& property) {
-    return FirstOf({Unless(!property.name().empty(), "expected a property's name"),
-                    Unless(PhoneFolder::IsPropertyValue(property.name(), property.value()),
-                           "expected a value of at most 91 bytes, or a name that begins with "
-                           "\"ro.\"")});
+template <auto convert>
+bool Converts(const std::string& text) {
+    return convert(text).has_value();
 }
 
-std::string FaultOf(const File& file) {
-    return FirstOf({PathFault(file.path()), ModeFault(file.mode())});
+TextRule OneOf(const std::string& what, const std::set<std::string>& names) {
+    return {what, [names](const std::string& text) { return names.count(text) > 0; }};
 }
 
-std::string FaultOf(const ModemResponse& answer) {
-    if (!answer.has_payload()) return "";
-    const auto* field = VelmarMessage::descriptor()->FindFieldByName(answer.payload());
-    return Expected(field != nullptr && field->containing_oneof() != nullptr,
-                    "a payload such as \"modem_stat_message\"", answer.payload());
+// By the field's name in the schema; null for a field that takes any text.
+const TextRule* FindTextRule(const FieldDescriptor& field) {
+    static const TextRule path = {"an absolute path without \"..\"", PhoneFolder::IsPhonePath};
+    static const TextRule mode = {"permissions in octal such as \"0644\"", Converts<ModeFromText>};
+    static const TextRule signal = {"a signal such as \"SIGUSR1\"", Converts<SignalFromName>};
+    static const TextRule pattern = {"a regular expression", IsPattern};
+    static const std::map<std::string, TextRule> rules = {
+            {"Phone.missing", path},
+            {"File.path", path},
+            {"FileState.path", path},
+            {"Step.remove_file", path},
+            {"Phone.umask", mode},
+            {"File.mode", mode},
+            {"FileState.mode", mode},
+            {"Step.signal", signal},
+            {"Exit.signal", signal},
+            {"LogPattern.matching", pattern},
+            {"FileState.matching", pattern},
+            {"LogPattern.priority",
+             {"a priority such as \"I\" or \"4\"", Converts<PriorityFromText>}},
+            {"ResponsePolicy.payload", {"a payload such as \"modem_stat_message\"", IsPayload}},
+            {"Fault.error", {"an error such as \"EIO\"", Converts<ErrorFromName>}},
+            {"Fault.call",
+             OneOf("a call such as \"read\"", {"open", "stat", "read", "write", "select", "poll",
+                                               "ioctl", "unlink", "rename", "chmod", "close"})},
+            {"Phone.missing_entry_point",
+             OneOf("an entry point such as \"RILC_Send\"",
+                   {"RILC_Open", "RILC_OpenV2", "RILC_Close", "RILC_Reconnect",
+                    "RILC_RegisterUnsolicitedHandler", "RILC_Send", "RILC_SetIndicationFilter"})},
+    };
+    const auto found = rules.find(field.containing_type()->name() + "." + field.name());
+    return found == rules.end() ? nullptr : &found->second;
 }
 
-std::string FaultOf(const Exit& exit) {
-    return FirstOf({Unless(exit.has_status() != exit.has_signal(), "expected status or signal"),
-                    exit.has_signal() ? SignalFault(exit.signal()) : ""});
-}
-
-std::string FaultOf(const LogPattern& line) {
-    return FirstOf({Unless(line.has_text() != line.has_matching(), "expected text or matching"),
-                    PatternFault(line.matching()),
-                    Expected(!line.has_priority() || PriorityFromText(line.priority()),
-                             "a priority such as \"I\" or \"4\"", line.priority())});
-}
-
-std::string FaultOf(const FileState& file) {
-    const int contents =
-            (file.has_content() ? 1 : 0) + (file.has_matching() ? 1 : 0) + (file.missing() ? 1 : 0);
-    return FirstOf({PathFault(file.path()),
-                    Unless(contents <= 1, "expected one of content, matching and missing"),
-                    Unless(contents + (file.has_mode() ? 1 : 0) > 0,
-                           "expected content, matching, missing or mode"),
-                    PatternFault(file.matching()), file.has_mode() ? ModeFault(file.mode()) : ""});
-}
-
-std::string FaultOf(const PropertyState& property) {
-    return FirstOf({Unless(!property.name().empty(), "expected a property's name"),
-                    Unless(property.has_value() != property.unset(), "expected value or unset")});
-}
-
-std::string FaultOf(const Fault& fault) {
-    const bool known = std::find(std::begin(kFaultCalls), std::end(kFaultCalls), fault.call()) !=
-                       std::end(kFaultCalls);
-    return FirstOf({Expected(known, "a call such as \"read\"", fault.call()),
-                    Unless(!fault.path().empty(), "expected a path"),
-                    Unless(fault.has_error() != fault.has_length(), "expected error or length"),
-                    Expected(!fault.has_error() || ErrorFromName(fault.error()),
-                             "an error such as \"EIO\"", fault.error())});
-}
-
-std::string FaultOf(const Radio& radio) {
-    for (const RadioResponse& answer : radio.answer()) {
-        const bool says_how =
-                answer.has_error() || answer.early() || answer.twice() || answer.has_delay_ms();
-        if (answer.none() && says_how) return "expected nothing beside none in an answer";
+// What a message lacks; empty when nothing.
+std::string FindMissing(const Message& message) {
+    const auto* type = message.GetDescriptor();
+    const auto* reflection = message.GetReflection();
+    for (int i = 0; i < type->field_count(); ++i) {
+        const auto* field = type->field(i);
+        if (field->is_required() && !reflection->HasField(message, field)) return field->name();
+    }
+    // A file may just be there, and a message of the modem may be anything.
+    const bool may_lack_all =
+            type == FileState::descriptor() || type->file() != Scenario::descriptor()->file();
+    for (int i = 0; i < type->oneof_decl_count() && !may_lack_all; ++i) {
+        const auto* oneof = type->oneof_decl(i);
+        if (reflection->HasOneof(message, oneof)) continue;
+        return oneof->field(0)->name() + " or " + oneof->field(1)->name();
     }
     return "";
 }
 
-std::string FaultOf(const RadioRequest& request) {
-    return Unless(request.has_request() && request.has_data(), "expected request and data");
-}
-
-std::string FaultOf(const Step& step) {
-    if (step.any_token() && !step.has_expect()) return "any_token: expected an expect with it";
-    switch (step.action_case()) {
-        case Step::ACTION_NOT_SET:
+// What is wrong with a message beside the texts in its fields; empty when nothing is.
+std::string MessageError(const Message& message) {
+    if (const auto* step = DynamicCastToGenerated<Step>(&message)) {
+        if (step->action_case() == Step::ACTION_NOT_SET) {
             return "expected an action such as send, expect or log";
-        case Step::kSendBytes:
-            return Unless(!step.send_bytes().empty(), "expected at least one byte");
-        case Step::kAnswer:
-            return FaultOf(step.answer());
-        case Step::kPush:
-            return PushFault(step.push());
-        case Step::kSignal:
-            return SignalFault(step.signal());
-        case Step::kExit:
-            return FaultOf(step.exit());
-        case Step::kLog:
-            return FirstOf({FaultOf(step.log()),
-                            Unless(!step.log().has_for_ms(), "expected for_ms in no_log only")});
-        case Step::kNoLog:
-            return FaultOf(step.no_log());
-        case Step::kFile:
-            return FaultOf(step.file());
-        case Step::kProperty:
-            return FaultOf(step.property());
-        case Step::kSetProperty:
-            return FaultOf(step.set_property());
-        case Step::kWriteFile:
-            return FaultOf(step.write_file());
-        case Step::kRemoveFile:
-            return PathFault(step.remove_file());
-        case Step::kFault:
-            return FaultOf(step.fault());
-        case Step::kRadio:
-            return FaultOf(step.radio());
-        case Step::kRadioRequest:
-            return FaultOf(step.radio_request());
-        default:
-            return "";
+        }
+        if (step->log().has_for_ms()) return "expected for_ms in no_log only";
+        if (step->any_token() && !step->has_expect()) return "expected any_token with expect only";
     }
+    const std::string missing = FindMissing(message);
+    if (!missing.empty()) return "expected " + missing;
+    if (const auto* push = DynamicCastToGenerated<Push>(&message)) return PushError(*push);
+    const auto* property = DynamicCastToGenerated<Property>(&message);
+    if (property != nullptr && !PhoneFolder::IsPropertyValue(property->name(), property->value())) {
+        return "expected a value of at most 91 bytes, or a name that begins with \"ro.\"";
+    }
+    return "";
 }
 
-// Collects faults as lines "FILE:LINE: text".
-class FaultList : public google::protobuf::io::ErrorCollector {
+// Collects errors as lines "FILE:LINE: text".
+class ErrorList : public google::protobuf::io::ErrorCollector {
   public:
-    explicit FaultList(std::string file) : path(std::move(file)) {}
+    explicit ErrorList(std::string file) : path(std::move(file)) {}
 
     // The parser counts from 0.
     void AddError(int line, int column, const std::string& message) override {
         // Later complaints of the parser are about what the first one made of the text.
-        if (text.empty()) Add(std::to_string(line + 1) + ":" + std::to_string(column + 1), message);
+        if (list.empty()) Add(std::to_string(line + 1) + ":" + std::to_string(column + 1), message);
     }
 
-    void Check(int line, const std::string& subject, const std::string& fault) {
-        if (!fault.empty()) Add(std::to_string(line), subject + ": " + fault);
+    // Adds what is wrong with a message, which is called `name`, and with all that is in it.
+    void CheckMessage(const Message& message, const std::string& name, int line,
+                      const TextFormat::ParseInfoTree& tree) {
+        Check(line, name, MessageError(message));
+        const auto* reflection = message.GetReflection();
+        std::vector<const FieldDescriptor*> fields;
+        reflection->ListFields(message, &fields);
+        for (const FieldDescriptor* field : fields) {
+            const int count = field->is_repeated() ? reflection->FieldSize(message, field) : 1;
+            for (int i = 0; i < count; ++i) CheckField(message, *field, i, tree);
+        }
     }
 
     void ThrowIfAny() const {
-        if (!text.empty()) throw BadScenario(text);
+        if (!list.empty()) throw BadScenario(list);
     }
 
   private:
+    void CheckField(const Message& message, const FieldDescriptor& field, int index,
+                    const TextFormat::ParseInfoTree& tree) {
+        const auto* reflection = message.GetReflection();
+        const bool is_repeated = field.is_repeated();
+        const int place = is_repeated ? index : -1;
+        const int line = tree.GetLocation(&field, place).line + 1;
+        if (field.cpp_type() == FieldDescriptor::CPPTYPE_MESSAGE) {
+            CheckMessage(is_repeated ? reflection->GetRepeatedMessage(message, &field, index)
+                                     : reflection->GetMessage(message, &field),
+                         field.name(), line, *tree.GetTreeForNested(&field, place));
+        } else if (const TextRule* rule = FindTextRule(field)) {
+            const std::string text = is_repeated
+                                             ? reflection->GetRepeatedString(message, &field, index)
+                                             : reflection->GetString(message, &field);
+            if (rule->is_met(text)) return;
+            Check(line, field.name(), "expected " + rule->what + ", found \"" + text + "\"");
+        }
+    }
+
+    void Check(int line, const std::string& subject, const std::string& error) {
+        if (!error.empty()) Add(std::to_string(line), subject + ": " + error);
+    }
+
     void Add(const std::string& place, const std::string& message) {
-        text += (text.empty() ? "" : "\n") + path + ":" + place + ": " + message;
+        list += (list.empty() ? "" : "\n") + path + ":" + place + ": " + message;
     }
 
     const std::string path;
-    std::string text;
+    std::string list;
 };
-
-int LineOf(const TextFormat::ParseInfoTree& tree, const google::protobuf::Descriptor* type,
-           const char* field, int index) {
-    return tree.GetLocation(type->FindFieldByName(field), index).line + 1;
-}
-
-void CheckPhone(const Phone& phone, const TextFormat::ParseInfoTree& tree, FaultList* faults) {
-    const auto line_of = [&](const char* field, int index) {
-        return LineOf(tree, Phone::descriptor(), field, index);
-    };
-    for (int i = 0; i < phone.property_size(); ++i) {
-        faults->Check(line_of("property", i), "property", FaultOf(phone.property(i)));
-    }
-    for (int i = 0; i < phone.file_size(); ++i) {
-        faults->Check(line_of("file", i), "file", FaultOf(phone.file(i)));
-    }
-    for (int i = 0; i < phone.missing_size(); ++i) {
-        faults->Check(line_of("missing", i), "missing", PathFault(phone.missing(i)));
-    }
-    faults->Check(line_of("radio", -1), "radio", FaultOf(phone.radio()));
-    if (phone.has_missing_entry_point()) {
-        const std::string& name = phone.missing_entry_point();
-        const bool known = std::find(std::begin(kEntryPoints), std::end(kEntryPoints), name) !=
-                           std::end(kEntryPoints);
-        faults->Check(line_of("missing_entry_point", -1), "missing_entry_point",
-                      Expected(known, "an entry point such as \"RILC_Send\"", name));
-    }
-    if (phone.has_umask()) faults->Check(line_of("umask", -1), "umask", ModeFault(phone.umask()));
-}
 
 // Makes the path of a pushed file one that leads from here.
 void ResolveSource(const std::string& scenario_path, Step* step) {
@@ -251,39 +201,32 @@ void ResolveSource(const std::string& scenario_path, Step* step) {
 ScenarioFile ParseScenario(const std::string& path, const std::string& text) {
     ScenarioFile file;
     file.path = path;
-    FaultList faults(path);
+    ErrorList errors(path);
     TextFormat::ParseInfoTree tree;
     TextFormat::Parser parser;
-    parser.RecordErrorsTo(&faults);
+    parser.RecordErrorsTo(&errors);
     parser.WriteLocationsTo(&tree);
+    // What is missing is looked for below, where the line is known.
+    parser.AllowPartialMessage(true);
     parser.ParseFromString(text, &file.scenario);
-    faults.ThrowIfAny();
+    errors.ThrowIfAny();
 
-    const auto* type = Scenario::descriptor();
-    if (file.scenario.has_phone()) {
-        CheckPhone(file.scenario.phone(),
-                   *tree.GetTreeForNested(type->FindFieldByName("phone"), -1), &faults);
-    }
+    const auto* steps = Scenario::descriptor()->FindFieldByName("step");
     for (int i = 0; i < file.scenario.step_size(); ++i) {
-        Step& step = *file.scenario.mutable_step(i);
-        ResolveSource(path, &step);
-        const int line = LineOf(tree, type, "step", i);
-        file.step_lines.push_back(line);
-        const auto* action = Step::descriptor()->FindFieldByNumber(step.action_case());
-        faults.Check(line, action == nullptr ? "step" : action->name(), FaultOf(step));
+        file.step_lines.push_back(tree.GetLocation(steps, i).line + 1);
+        ResolveSource(path, file.scenario.mutable_step(i));
     }
-    if (file.scenario.step_size() == 0) faults.Check(1, "scenario", "expected at least one step");
-    faults.ThrowIfAny();
+    if (file.step_lines.empty()) throw BadScenario(path + ":1: scenario: expected a step");
+    errors.CheckMessage(file.scenario, "scenario", 1, tree);
+    errors.ThrowIfAny();
     return file;
 }
 
 ScenarioFile ReadScenario(const std::string& path) {
-    std::ifstream stream(path, std::ios::binary);
-    if (!stream) {
+    std::string text;
+    if (!android::base::ReadFileToString(path, &text, true)) {
         throw BadScenario(path + ": cannot be read: " + std::generic_category().message(errno));
     }
-    const std::string text((std::istreambuf_iterator<char>(stream)),
-                           std::istreambuf_iterator<char>());
     return ParseScenario(path, text);
 }
 

@@ -18,7 +18,7 @@ struct ScenarioFile {
 };
 
 // A scenario that cannot be played. The text has a line "FILE:LINE: what was expected" for each
-// fault.
+// error.
 class BadScenario : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;

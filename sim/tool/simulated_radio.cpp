@@ -1,9 +1,7 @@
 #include "sim/tool/simulated_radio.h"
 
-#include <filesystem>
 #include <fstream>
 #include <stdexcept>
-#include <thread>
 
 #include "google/protobuf/text_format.h"
 
@@ -15,11 +13,6 @@ namespace velmar_sim {
 namespace {
 
 using google::protobuf::TextFormat;
-using std::chrono::milliseconds;
-
-constexpr char kUnfinishedRadio[] = "/unfinished_radio";
-// Between two looks at the list of calls.
-constexpr milliseconds kPollInterval{2};
 
 constexpr unsigned int kGnssEntryRequest = 226;
 constexpr size_t kGnssEntrySize = 10;
@@ -29,6 +22,14 @@ std::string NumberAt(const std::string& bytes, size_t offset) {
     const auto low = static_cast<uint8_t>(bytes[offset]);
     const auto high = static_cast<uint8_t>(bytes[offset + 1]);
     return std::to_string(static_cast<int16_t>(low | high << 8));
+}
+
+std::string DescribeCall(const RadioCall& call) {
+    if (call.has_request()) return DescribeRadioRequest(call.request());
+    RadioCall arguments = call;
+    arguments.clear_time_us();
+    arguments.clear_function();
+    return call.function() + "  " + ShortText(arguments);
 }
 
 }  // namespace
@@ -42,24 +43,7 @@ std::string DescribeRadioRequest(const RadioRequest& request) {
 }
 
 void SimulatedRadio::Behave(const Radio& radio) const {
-    folder.WriteFile(kUnfinishedRadio, radio.DebugString());
-    std::filesystem::rename(folder.HostPath(kUnfinishedRadio),
-                            folder.HostPath(velmar_radio::kRadioFile));
-}
-
-void SimulatedRadio::OnCall(RadioCall call) {
-    Event event = {Event::Kind::kRadio};
-    event.time = Clock::time_point(std::chrono::microseconds(call.time_us()));
-    if (call.has_request()) {
-        requests.push_back(call.request());
-        event.text = DescribeRadioRequest(call.request());
-    } else {
-        event.text = call.function() + " ";
-        call.clear_time_us();
-        call.clear_function();
-        event.text += ShortText(call);
-    }
-    events->Emit(event);
+    folder.ReplaceFile(velmar_radio::kRadioFile, radio.DebugString());
 }
 
 void SimulatedRadio::Look() {
@@ -71,28 +55,19 @@ void SimulatedRadio::Look() {
         if (!TextFormat::ParseFromString(line, &call)) {
             throw std::runtime_error("the radio's library wrote \"" + line + "\", expected a call");
         }
-        OnCall(call);
+        Event event = {Event::Kind::kRadio, DescribeCall(call)};
+        event.time = Clock::time_point(std::chrono::microseconds(call.time_us()));
+        events->Emit(event);
+        if (call.has_request()) requests.push_back(call.request());
     }
 }
 
-std::optional<RadioRequest> SimulatedRadio::Receive(milliseconds timeout) {
-    const auto deadline = Clock::now() + timeout;
-    for (Look(); requests.empty(); Look()) {
-        if (Clock::now() >= deadline) return std::nullopt;
-        std::this_thread::sleep_for(kPollInterval);
-    }
+std::optional<RadioRequest> SimulatedRadio::Take() {
+    Look();
+    if (requests.empty()) return std::nullopt;
     RadioRequest request = requests.front();
     requests.pop_front();
     return request;
-}
-
-std::optional<std::string> SimulatedRadio::LibraryFolder(const Phone& description) {
-    if (description.no_radio_library()) return std::nullopt;
-    const std::string variant =
-            description.has_missing_entry_point()
-                    ? velmar_radio::kVariantWithout + description.missing_entry_point()
-                    : velmar_radio::kFullVariant;
-    return std::string(velmar_radio::kLibraryFolder) + "/" + variant;
 }
 
 }  // namespace velmar_sim

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <deque>
 #include <optional>
 #include <string>
@@ -29,16 +28,10 @@ class SimulatedRadio {
     // Shows what has reached the radio since the last look.
     void Look();
 
-    // The oldest request that has not been taken yet; waits up to `timeout` for one.
-    std::optional<RadioRequest> Receive(std::chrono::milliseconds timeout);
-
-    // The folder, below that of a build's libraries, with the client library that a phone of this
-    // description has; nothing when it has none.
-    static std::optional<std::string> LibraryFolder(const Phone& description);
+    // The oldest request that has not been taken yet; nothing when none has come.
+    std::optional<RadioRequest> Take();
 
   private:
-    void OnCall(RadioCall call);
-
     const PhoneFolder& folder;
     EventStream* const events;
     std::deque<RadioRequest> requests;

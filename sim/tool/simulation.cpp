@@ -5,7 +5,10 @@
 #include <filesystem>
 #include <utility>
 
+#include "android-base/strings.h"
+
 #include "sim/phone/phone_state.h"
+#include "sim/ril/radio_layout.h"
 #include "sim/tool/names.h"
 
 namespace velmar_sim {
@@ -15,9 +18,23 @@ namespace {
 // The programs call themselves by this name whatever the executable's path is.
 constexpr char kProgramName[] = "velmar";
 
-constexpr char kLibraryPath[] = "LD_LIBRARY_PATH";
 // Where a build keeps its libraries, seen from its programs.
 constexpr char kLibraries[] = "../lib";
+
+// The variable that leads the service to the radio's client library, if the phone has one.
+std::vector<std::string> LibraryPath(const Phone& description, const std::string& executable) {
+    if (description.no_radio_library()) return {};
+    const std::string variant =
+            description.has_missing_entry_point()
+                    ? velmar_radio::kVariantWithout + description.missing_entry_point()
+                    : velmar_radio::kFullVariant;
+    const auto programs = std::filesystem::absolute(executable).parent_path();
+    const std::string folder = programs / kLibraries / velmar_radio::kLibraryFolder / variant;
+    // The environment does not change.
+    const char* inherited = getenv("LD_LIBRARY_PATH");  // NOLINT(concurrency-mt-unsafe)
+    return {"LD_LIBRARY_PATH=" + folder +
+            (inherited == nullptr ? "" : std::string(":") + inherited)};
+}
 
 }  // namespace
 
@@ -26,7 +43,7 @@ Simulation::Simulation(const Phone& description, const std::string& velmar, Phon
     : events(event_stream),
       executable(velmar),
       umask_of_programs(ModeFromText(description.umask()).value_or(0)),
-      radio_library(SimulatedRadio::LibraryFolder(description)),
+      library_path(LibraryPath(description, velmar)),
       phone_folder(std::move(folder)),
       simulated_modem(phone_folder, events),
       thermal_driver(phone_folder, events),
@@ -34,7 +51,7 @@ Simulation::Simulation(const Phone& description, const std::string& velmar, Phon
       simulated_radio(phone_folder, events) {
     for (const File& file : description.file()) {
         phone_folder.Remove(file.path());
-        phone_folder.WriteFile(file.path(), file.content(), ModeFromText(file.mode()).value_or(0));
+        WriteFile(file);
     }
     for (const std::string& path : description.missing()) phone_folder.Remove(path);
     for (const Property& property : description.property()) {
@@ -47,13 +64,17 @@ Simulation::Simulation(const Phone& description, const std::string& velmar, Phon
     if (description.modem_state() != 0) simulated_modem.SetState(description.modem_state());
 }
 
+void Simulation::WriteFile(const File& file) const {
+    phone_folder.WriteFile(file.path(), file.content(), ModeFromText(file.mode()).value_or(0));
+}
+
 Launch Simulation::LaunchOf(const std::vector<std::string>& arguments) const {
     Launch launch;
     launch.executable = executable;
     launch.arguments = {kProgramName};
     launch.arguments.insert(launch.arguments.end(), arguments.begin(), arguments.end());
     launch.variables = {std::string(velmar_phone::kRootVariable) + "=" + phone_folder.root()};
-    if (radio_library) launch.variables.push_back(LibraryPathVariable());
+    launch.variables.insert(launch.variables.end(), library_path.begin(), library_path.end());
     launch.umask = umask_of_programs;
     return launch;
 }
@@ -61,9 +82,7 @@ Launch Simulation::LaunchOf(const std::vector<std::string>& arguments) const {
 std::unique_ptr<ChildProcess> Simulation::Start(const std::vector<std::string>& arguments,
                                                 std::string* output) {
     const Launch launch = LaunchOf(arguments);
-    std::string line;
-    for (const std::string& word : launch.arguments) line += (line.empty() ? "" : " ") + word;
-    events->EmitText("run " + line);
+    events->EmitText("run " + android::base::Join(launch.arguments, ' '));
     const auto to_text = [output](const std::string& written) { *output += written; };
     return std::make_unique<ChildProcess>(
             launch,
@@ -71,24 +90,10 @@ std::unique_ptr<ChildProcess> Simulation::Start(const std::vector<std::string>& 
             ToLog(kStandardErrorTag));
 }
 
-std::string Simulation::LibraryPathVariable() const {
-    const auto programs = std::filesystem::absolute(executable).parent_path();
-    const std::string folder = programs / kLibraries / radio_library.value_or("");
-    // The environment does not change.
-    const char* inherited = getenv(kLibraryPath);  // NOLINT(concurrency-mt-unsafe)
-    return std::string(kLibraryPath) + "=" + folder +
-           (inherited == nullptr ? "" : std::string(":") + inherited);
-}
-
 ChildProcess::OutputReader Simulation::ToLog(const char* plain_tag) {
     return [this, parser = std::make_shared<LogLineParser>(plain_tag)](const std::string& written) {
-        const auto lines = written.empty() ? parser->Finish() : parser->Parse(written);
-        for (const LogLine& line : lines) {
-            Event event = {Event::Kind::kLog, line.text};
-            event.tag = line.tag;
-            event.priority = line.priority;
-            events->Emit(event);
-        }
+        const auto lines = parser->Parse(written);
+        for (const LogLine& line : lines) events->Emit(line);
         log_stream.Append(lines);
     };
 }

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -35,6 +34,9 @@ class Simulation {
     std::unique_ptr<ChildProcess> Start(const std::vector<std::string>& arguments,
                                         std::string* output);
 
+    // Writes a file of the phone. Throws std::runtime_error.
+    void WriteFile(const File& file) const;
+
     const PhoneFolder& folder() const { return phone_folder; }
     SimulatedModem& modem() { return simulated_modem; }
     ThermalDriver& thermal() { return thermal_driver; }
@@ -44,13 +46,11 @@ class Simulation {
 
   private:
     ChildProcess::OutputReader ToLog(const char* plain_tag);
-    std::string LibraryPathVariable() const;
 
     EventStream* const events;
     const std::string executable;
     const mode_t umask_of_programs;
-    // Below the folder of the service's libraries; nothing when the phone has no radio library.
-    const std::optional<std::string> radio_library;
+    const std::vector<std::string> library_path;
     const PhoneFolder phone_folder;
     LogStream log_stream;
     SimulatedModem simulated_modem;

@@ -26,9 +26,6 @@ using std::chrono::milliseconds;
 using velmar_message::VelmarMessage;
 
 constexpr char kServerOption[] = "--server";
-// How long a wait goes on before it looks whether the service still runs.
-constexpr milliseconds kCheckInterval{20};
-// Between two looks at something that tells no one of its change.
 constexpr milliseconds kPollInterval{2};
 
 LogStream::Matcher LogMatcher(const LogPattern& pattern) {
@@ -52,11 +49,12 @@ bool ChangesPhone(const Step& step) {
            step.has_fault() || step.has_clear_faults() || step.has_radio();
 }
 
-bool IsExpectedEnd(const Exit& exit, int status) {
-    if (exit.has_signal()) {
-        return WIFSIGNALED(status) && WTERMSIG(status) == SignalFromName(exit.signal());
-    }
-    return WIFEXITED(status) && WEXITSTATUS(status) == exit.status();
+std::string DescribeExit(int status) {
+    return "exit status " + std::to_string(status);
+}
+
+void RequireNone(const std::string& difference) {
+    if (!difference.empty()) throw StepFailure(difference);
 }
 
 }  // namespace
@@ -79,118 +77,92 @@ void StepPlayer::Play(const Step& step, bool is_end_awaited) {
 void StepPlayer::Finish() {
     end_awaited = false;
     CheckService();
-    EndService();
+    // Afterwards all that it wrote is in the log.
+    service.reset();
+    service_expected = false;
+    simulation->radio().Look();
     if (simulation->log().Find(0, IsSanitizerReport, milliseconds(0))) {
         throw StepFailure("a sanitizer reported a fault of velmar");
     }
 }
 
-void StepPlayer::EndService() {
-    service_expected = false;
-    if (service != nullptr) service->Kill();
-    simulation->radio().Look();
-}
-
 void StepPlayer::PlayAction(const Step& step) {
     const PhoneFolder& folder = simulation->folder();
+    SimulatedModem& modem = simulation->modem();
     if (ChangesPhone(step)) events->EmitText("phone " + ShortText(step));
-    switch (step.action_case()) {
-        case Step::kSay:
-            return events->Emit({Event::Kind::kHeading, step.say()});
-        case Step::kSend:
-        case Step::kSendBytes:
-            return Send(step);
-        case Step::kExpect:
-            return ExpectMessage(step.expect(), step.any_token(), "");
-        case Step::kExpectNothing:
-            return ExpectNothing(step.expect_nothing());
-        case Step::kAnswer:
-            return SetResponse(step.answer());
-        case Step::kModemState:
-            return simulation->modem().SetState(step.modem_state());
-        case Step::kEndOfFile:
-            AwaitChannel();
-            return simulation->modem().SendEndOfFile();
-        case Step::kHangUp:
-            AwaitChannel();
-            return simulation->modem().HangUp();
-        case Step::kPush:
-            return PushFile(step.push());
-        case Step::kSignal:
-            return SendSignal(step.signal());
-        case Step::kClient:
-            return RunClient(step.client());
-        case Step::kExit:
-            return AwaitExit(step.exit());
-        case Step::kRunning:
-            return RequireRunning();
-        case Step::kRestart:
-            return StartService();
-        case Step::kLog:
-            return AwaitLog(step.log());
-        case Step::kNoLog:
-            return ExpectNoLog(step.no_log());
-        case Step::kFile:
-            return WaitUntilEqual([&] { return FileDifference(step.file(), folder); });
-        case Step::kProperty:
-            return WaitUntilEqual([&] { return PropertyDifference(step.property(), folder); });
-        case Step::kThermal:
-            return AwaitThermalWrites(step.thermal());
-        case Step::kSetProperty:
-            return folder.SetProperty(step.set_property().name(), step.set_property().value());
-        case Step::kWriteFile:
-            return folder.WriteFile(step.write_file().path(), step.write_file().content(),
-                                    ModeFromText(step.write_file().mode()).value_or(0));
-        case Step::kRemoveFile:
-            return folder.Remove(step.remove_file());
-        case Step::kFault:
-            return InjectFault(step.fault());
-        case Step::kClearFaults:
-            return simulation->faults().Clear();
-        case Step::kRadio:
-            return simulation->radio().Behave(step.radio());
-        case Step::kRadioRequest:
-            return ExpectRadioRequest(step.radio_request());
-        case Step::kNoRadioRequest:
-            return ExpectNoRadioRequest(step.no_radio_request());
-        case Step::kPauseMs:
-            WaitFor(Scaled(step.pause_ms()), [](Milliseconds limit) {
-                std::this_thread::sleep_for(limit);
-                return false;
-            });
-            return;
-        case Step::ACTION_NOT_SET:
-            throw StepFailure("expected an action");
+
+    if (step.has_say()) return events->Emit({Event::Kind::kHeading, step.say()});
+    if (step.has_pause_ms()) return Pause(Scaled(step.pause_ms()));
+
+    if (step.has_send()) return Send(step.send().SerializeAsString());
+    if (step.has_send_bytes()) return Send(step.send_bytes());
+    if (step.has_expect()) return ExpectMessage(step.expect(), step.any_token(), "");
+    if (step.has_expect_nothing()) return ExpectNoMessage(step.expect_nothing());
+    if (step.has_push()) return PushFile(step.push());
+    if (step.has_answer()) return SetResponse(step.answer());
+    if (step.has_modem_state()) return modem.SetState(step.modem_state());
+    if (step.has_end_of_file()) return WithChannel([&] { modem.SendEndOfFile(); });
+    if (step.has_hang_up()) return WithChannel([&] { modem.HangUp(); });
+
+    if (step.has_signal()) return SendSignal(step.signal());
+    if (step.has_client()) return RunClient(step.client());
+    if (step.has_exit()) return AwaitExit(step.exit());
+    if (step.has_running()) return RequireRunning();
+    if (step.has_restart()) return StartService();
+
+    if (step.has_log()) return AwaitLog(step.log());
+    if (step.has_no_log()) return ExpectNoLog(step.no_log());
+    if (step.has_file()) {
+        return WaitUntilEqual([&] { return FileDifference(step.file(), folder); });
     }
+    if (step.has_property()) {
+        return WaitUntilEqual([&] { return PropertyDifference(step.property(), folder); });
+    }
+    if (step.has_thermal()) return AwaitThermalWrites(step.thermal());
+
+    if (step.has_set_property()) {
+        return folder.SetProperty(step.set_property().name(), step.set_property().value());
+    }
+    if (step.has_write_file()) return simulation->WriteFile(step.write_file());
+    if (step.has_remove_file()) return folder.Remove(step.remove_file());
+    if (step.has_fault()) return InjectFault(step.fault());
+    if (step.has_clear_faults()) return simulation->faults().Clear();
+
+    if (step.has_radio()) return simulation->radio().Behave(step.radio());
+    if (step.has_radio_request()) return ExpectRadioRequest(step.radio_request());
+    if (step.has_no_radio_request()) return ExpectNoRadioRequest(step.no_radio_request());
+    throw StepFailure("expected an action that can be played");
 }
 
-void StepPlayer::Send(const Step& step) {
-    AwaitChannel();
-    simulation->modem().SendBytes(step.has_send() ? step.send().SerializeAsString()
-                                                  : step.send_bytes());
+void StepPlayer::Send(const std::string& bytes) {
+    WithChannel([&] { simulation->modem().SendBytes(bytes); });
 }
 
 // The next message is `expected`; `place` stands before what is said of another.
 void StepPlayer::ExpectMessage(const VelmarMessage& expected, bool any_token,
                                const std::string& place) {
-    const std::optional<ReceivedMessage> message = Receive(within);
-    if (!message) {
-        throw StepFailure(place + "no message came" + WithinText() +
-                          ExpectedActual(DescribeMessage(expected.SerializeAsString()), "-"));
-    }
-    const std::string difference = MessageDifference(expected, *message, any_token);
-    if (!difference.empty()) throw StepFailure(place + difference);
+    WaitUntilEqual([&] {
+        const auto message = simulation->modem().Receive(kPollInterval);
+        if (!message) {
+            return place + "no message came" + WithinText() +
+                   ExpectedActual(DescribeMessage(expected.SerializeAsString()), "-");
+        }
+        std::string difference = MessageDifference(expected, *message, any_token);
+        RequireNone(difference.empty() ? "" : place + difference);
+        return difference;
+    });
 }
 
-void StepPlayer::ExpectNothing(const Silence& silence) {
-    const std::optional<ReceivedMessage> message = Receive(Milliseconds(silence.for_ms()));
-    if (message) {
+void StepPlayer::ExpectNoMessage(const Silence& silence) {
+    WaitUntil(Milliseconds(silence.for_ms()), [this] {
+        const auto message = simulation->modem().Receive(kPollInterval);
+        if (!message) return false;
         throw StepFailure("a message came" + ExpectedActual("-", DescribeMessage(message->bytes)));
-    }
+    });
 }
 
 void StepPlayer::PushFile(const Push& push) {
-    AwaitChannel();
+    WithChannel([] {});
     FilePush file(push, simulation->folder());
     const std::string whole = std::to_string(file.size()) + " bytes in " +
                               std::to_string(file.chunk_count()) + " chunks to " + file.target();
@@ -219,7 +191,7 @@ void StepPlayer::SendFurtherChunks(FilePush* file) {
     }
     WaitUntilEqual([file] { return file->StoredDifference(); });
     // Log lines that are read late belong to the repetition too.
-    WaitUntil([this] { return !service->HasUnreadOutput(); });
+    WaitUntil(within, [this] { return !service->HasUnreadOutput(); });
 }
 
 void StepPlayer::SendChunk(const FilePush& file) {
@@ -234,19 +206,10 @@ void StepPlayer::SendChunk(const FilePush& file) {
     ExpectMessage(*response, false, place);
 }
 
-void StepPlayer::SetResponse(const ModemResponse& response) {
-    ResponsePolicy policy;
-    policy.responds = !response.none();
-    policy.result = response.no_result() ? std::nullopt : std::make_optional(response.result());
-    policy.delay = response.has_delay_ms()
-                           ? Milliseconds(response.delay_ms())
-                           : Scaled(static_cast<uint32_t>(ResponsePolicy::kUsualDelay.count()));
-    policy.copies = response.twice() ? 2 : 1;
-    policy.unknown_token_first = response.unknown_token_first();
-    const auto* field = VelmarMessage::descriptor()->FindFieldByName(response.payload());
-    simulation->modem().SetResponsePolicy(
-            policy, field == nullptr ? VelmarMessage::PAYLOAD_NOT_SET
-                                     : static_cast<VelmarMessage::PayloadCase>(field->number()));
+void StepPlayer::SetResponse(ResponsePolicy policy) {
+    const auto delay = static_cast<uint32_t>(Scaled(policy.delay_ms()).count());
+    if (!policy.has_delay_ms()) policy.set_delay_ms(delay);
+    simulation->modem().SetResponsePolicy(policy);
 }
 
 void StepPlayer::SendSignal(const std::string& name) {
@@ -259,18 +222,7 @@ void StepPlayer::RunClient(const Client& client) {
     std::string output;
     const std::unique_ptr<ChildProcess> run =
             simulation->Start({client.argument().begin(), client.argument().end()}, &output);
-    if (!AwaitEnd(run.get())) {
-        throw StepFailure("the run did not end" + WithinText());
-    }
-    const std::string end = ChildProcess::DescribeEnd(run->wait_status());
-    events->EmitText("run ended: " + end);
-    Exit expected;
-    expected.set_status(client.exit_status());
-    if (!IsExpectedEnd(expected, run->wait_status())) {
-        throw StepFailure(
-                "the run ended otherwise" +
-                ExpectedActual("exit status " + std::to_string(client.exit_status()), end));
-    }
+    AwaitEnd("the run", run.get(), DescribeExit(client.exit_status()));
     if (client.has_output() && client.output() != output) {
         throw StepFailure("the run wrote something else" +
                           ExpectedActual(QuoteBytes(client.output()), QuoteBytes(output)));
@@ -279,19 +231,20 @@ void StepPlayer::RunClient(const Client& client) {
 
 void StepPlayer::AwaitExit(const Exit& exit) {
     if (service == nullptr) throw StepFailure("the phone runs no service");
-    if (!AwaitEnd(service.get())) {
-        throw StepFailure("velmar did not end" + WithinText());
-    }
     service_expected = false;
-    const std::string end = ChildProcess::DescribeEnd(service->wait_status());
-    events->EmitText("velmar ended: " + end);
-    if (!IsExpectedEnd(exit, service->wait_status())) {
-        throw StepFailure("velmar ended otherwise" +
-                          ExpectedActual(exit.has_signal()
-                                                 ? exit.signal()
-                                                 : "exit status " + std::to_string(exit.status()),
-                                         end));
+    AwaitEnd("velmar", service.get(),
+             exit.has_signal() ? exit.signal() : DescribeExit(exit.status()));
+}
+
+void StepPlayer::AwaitEnd(const std::string& name, ChildProcess* program,
+                          const std::string& expected) {
+    if (!WaitUntil(within, [program] { return !program->IsRunning(); })) {
+        throw StepFailure(name + " did not end" + WithinText());
     }
+    const std::string end = ChildProcess::DescribeEnd(program->wait_status());
+    events->EmitText(name + " ended: " + end);
+    if (end != expected)
+        throw StepFailure(name + " ended otherwise" + ExpectedActual(expected, end));
 }
 
 void StepPlayer::RequireRunning() {
@@ -308,7 +261,7 @@ void StepPlayer::StartService() {
 }
 
 void StepPlayer::AwaitLog(const LogPattern& pattern) {
-    const std::optional<size_t> found = FindLog(pattern, within);
+    const auto found = FindLog(pattern, within);
     if (!found) {
         throw StepFailure("no such log line came" + WithinText() +
                           ExpectedActual(DescribePattern(pattern), "-"));
@@ -333,40 +286,28 @@ void StepPlayer::AwaitThermalWrites(const ThermalWrites& expected) {
 }
 
 void StepPlayer::InjectFault(const Fault& fault) {
-    FaultRule rule;
-    rule.call = fault.call();
-    rule.path = fault.path();
-    rule.error = ErrorFromName(fault.error()).value_or(0);
-    rule.length = static_cast<int>(fault.length());
-    rule.times = static_cast<int>(fault.times());
-    rule.skip = static_cast<int>(fault.skip());
-    simulation->faults().Add(rule);
-}
-
-std::optional<RadioRequest> StepPlayer::ReceiveRadioRequest(Milliseconds limit) {
-    std::optional<RadioRequest> request;
-    WaitFor(limit, [&](Milliseconds slice) {
-        request = simulation->radio().Receive(slice);
-        return request.has_value();
-    });
-    return request;
+    simulation->faults().Add({fault.call(), fault.path(), ErrorFromName(fault.error()).value_or(0),
+                              static_cast<int>(fault.length()), static_cast<int>(fault.times()),
+                              static_cast<int>(fault.skip())});
 }
 
 void StepPlayer::ExpectRadioRequest(const RadioRequest& expected) {
-    const std::optional<RadioRequest> actual = ReceiveRadioRequest(within);
-    if (!actual) {
-        throw StepFailure("no request reached the radio" + WithinText() +
-                          ExpectedActual(DescribeRadioRequest(expected), "-"));
-    }
-    const std::string difference = RadioDifference(expected, *actual);
-    if (!difference.empty()) throw StepFailure(difference);
+    WaitUntilEqual([&] {
+        const auto request = simulation->radio().Take();
+        if (request) RequireNone(RadioDifference(expected, *request));
+        return request ? ""
+                       : "no request reached the radio" + WithinText() +
+                                 ExpectedActual(DescribeRadioRequest(expected), "-");
+    });
 }
 
 void StepPlayer::ExpectNoRadioRequest(const Silence& silence) {
-    const std::optional<RadioRequest> request = ReceiveRadioRequest(Milliseconds(silence.for_ms()));
-    if (!request) return;
-    throw StepFailure("a request reached the radio" +
-                      ExpectedActual("-", DescribeRadioRequest(*request)));
+    WaitUntil(Milliseconds(silence.for_ms()), [this] {
+        const auto request = simulation->radio().Take();
+        if (!request) return false;
+        throw StepFailure("a request reached the radio" +
+                          ExpectedActual("-", DescribeRadioRequest(*request)));
+    });
 }
 
 StepPlayer::Milliseconds StepPlayer::Scaled(uint32_t ms) const {
@@ -377,32 +318,36 @@ std::string StepPlayer::WithinText() const {
     return " within " + std::to_string(within.count()) + " ms";
 }
 
-void StepPlayer::AwaitChannel() {
-    const bool opened = WaitFor(within, [this](Milliseconds limit) {
-        return simulation->modem().WaitForChannel(limit);
-    });
-    if (!opened) throw StepFailure("velmar has not opened the channel" + WithinText());
+// Acts once the service has the channel open.
+void StepPlayer::WithChannel(const std::function<void()>& action) {
+    const auto is_open = [this] { return simulation->modem().WaitForChannel(kPollInterval); };
+    if (!WaitUntil(within, is_open)) {
+        throw StepFailure("velmar has not opened the channel" + WithinText());
+    }
+    action();
 }
 
-// Makes attempts, each of which may take as long as it is told, until one succeeds or `limit` has
-// passed. At least one is made.
-bool StepPlayer::WaitFor(Milliseconds limit, const std::function<bool(Milliseconds)>& attempt) {
+void StepPlayer::Pause(Milliseconds time) {
+    WaitUntil(time, [] { return false; });
+}
+
+// Looks again and again until `holds` does or `limit` has passed, at least once; returns whether it
+// did. A look may wait for as long as kPollInterval.
+bool StepPlayer::WaitUntil(Milliseconds limit, const std::function<bool()>& holds) {
     const auto deadline = Clock::now() + limit;
-    while (true) {
-        const auto left = std::chrono::ceil<Milliseconds>(deadline - Clock::now());
-        if (attempt(std::clamp(left, Milliseconds(0), kCheckInterval))) return true;
+    while (!holds()) {
         CheckService();
         if (Clock::now() >= deadline) return false;
+        std::this_thread::sleep_for(kPollInterval);
     }
+    return true;
 }
 
-std::optional<ReceivedMessage> StepPlayer::Receive(Milliseconds limit) {
-    std::optional<ReceivedMessage> message;
-    WaitFor(limit, [&](Milliseconds slice) {
-        message = simulation->modem().Receive(slice);
-        return message.has_value();
-    });
-    return message;
+// Looks until there is no difference; fails with the last one.
+void StepPlayer::WaitUntilEqual(const std::function<std::string()>& find_difference) {
+    std::string difference;
+    const auto is_equal = [&] { return (difference = find_difference()).empty(); };
+    if (!WaitUntil(within, is_equal)) RequireNone(difference);
 }
 
 // Position of the first line that matches, after those that are done with unless it may be
@@ -411,31 +356,10 @@ std::optional<size_t> StepPlayer::FindLog(const LogPattern& pattern, Millisecond
     const LogStream::Matcher matches = LogMatcher(pattern);
     const size_t begin = pattern.anywhere() ? 0 : log_position;
     std::optional<size_t> found;
-    WaitFor(limit, [&](Milliseconds slice) {
-        found = simulation->log().Find(begin, matches, slice);
-        return found.has_value();
+    WaitUntil(limit, [&] {
+        return (found = simulation->log().Find(begin, matches, kPollInterval)).has_value();
     });
     return found;
-}
-
-// Looks again and again, for the step's time; returns whether it holds at last.
-bool StepPlayer::WaitUntil(const std::function<bool()>& holds) {
-    return WaitFor(within, [&](Milliseconds limit) {
-        if (holds()) return true;
-        std::this_thread::sleep_for(std::min(limit, kPollInterval));
-        return false;
-    });
-}
-
-bool StepPlayer::AwaitEnd(ChildProcess* program) {
-    return WaitUntil([program] { return !program->IsRunning(); });
-}
-
-// Looks until there is no difference; fails with the last one.
-void StepPlayer::WaitUntilEqual(const std::function<std::string()>& find_difference) {
-    std::string difference;
-    const auto is_equal = [&] { return (difference = find_difference()).empty(); };
-    if (!WaitUntil(is_equal)) throw StepFailure(difference);
 }
 
 void StepPlayer::CheckService() {

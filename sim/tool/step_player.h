@@ -21,8 +21,9 @@ class StepFailure : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// Plays steps on one phone, one after the other. Operations belong to the main thread; they throw
-// StepFailure, and std::runtime_error when the simulator itself could not do something.
+// Plays steps on one phone, one after the other; the service ends with the player. Operations
+// belong to the main thread; they throw StepFailure, and std::runtime_error when the simulator
+// itself could not do something.
 class StepPlayer {
   public:
     // `phone`, which the simulation has at boot, and the others are borrowed. Waits take `factor`
@@ -38,19 +39,16 @@ class StepPlayer {
     // Ends the service and looks for reports of sanitizers. After the last step.
     void Finish();
 
-    // Ends the service at once, whatever it does. Afterwards all that it wrote is in the log.
-    void EndService();
-
   private:
     using Milliseconds = std::chrono::milliseconds;
 
     void PlayAction(const Step& step);
-    void Send(const Step& step);
-    void ExpectNothing(const Silence& silence);
+    void Send(const std::string& bytes);
+    void ExpectNoMessage(const Silence& silence);
     void PushFile(const Push& push);
     void SendFurtherChunks(FilePush* file);
     void SendChunk(const FilePush& file);
-    void SetResponse(const ModemResponse& response);
+    void SetResponse(ResponsePolicy policy);
     void SendSignal(const std::string& name);
     void RunClient(const Client& client);
     void AwaitExit(const Exit& exit);
@@ -60,7 +58,6 @@ class StepPlayer {
     void ExpectNoLog(const LogPattern& pattern);
     void AwaitThermalWrites(const ThermalWrites& expected);
     void InjectFault(const Fault& fault);
-    std::optional<RadioRequest> ReceiveRadioRequest(Milliseconds limit);
     void ExpectRadioRequest(const RadioRequest& expected);
     void ExpectNoRadioRequest(const Silence& silence);
     void ExpectMessage(const velmar_message::VelmarMessage& expected, bool any_token,
@@ -68,13 +65,12 @@ class StepPlayer {
 
     std::string WithinText() const;
     Milliseconds Scaled(uint32_t ms) const;
-    void AwaitChannel();
-    bool WaitFor(Milliseconds limit, const std::function<bool(Milliseconds)>& attempt);
-    bool WaitUntil(const std::function<bool()>& holds);
+    void WithChannel(const std::function<void()>& action);
+    void Pause(Milliseconds time);
+    bool WaitUntil(Milliseconds limit, const std::function<bool()>& holds);
     void WaitUntilEqual(const std::function<std::string()>& find_difference);
-    std::optional<ReceivedMessage> Receive(Milliseconds limit);
     std::optional<size_t> FindLog(const LogPattern& pattern, Milliseconds limit);
-    bool AwaitEnd(ChildProcess* program);
+    void AwaitEnd(const std::string& name, ChildProcess* program, const std::string& expected);
     void CheckService();
 
     const Phone& phone;

@@ -51,7 +51,7 @@ constexpr auto kEventInterval = 700ms;
 constexpr auto kLongestWarmUp = 60s;
 // Long enough for a busy workstation: a response that comes before the service has recorded its
 // request is lost.
-constexpr auto kResponseDelay = 200ms;
+constexpr uint32_t kResponseDelayMs = 200;
 
 constexpr int kOnline = 4;
 constexpr int kOffline = 0;
@@ -82,6 +82,7 @@ constexpr char kPhone[] = R"(
 constexpr int kStartUpRequests = 2;
 constexpr int kRadioRequests = 2;
 // Each option makes the service send one request.
+// NOLINTNEXTLINE(cert-err58-cpp): without memory for it there is nothing to test.
 const std::vector<std::string> kClientRuns[] = {{"--modemstat"}, {"--extendedlog"}, {"-m", "-e"}};
 
 // Lines of the log of which the number is known; a modem that responds never leads to the last.
@@ -95,7 +96,7 @@ constexpr int kNoResponse = -2;
 
 // What the modem sends beside files, and the result in the response. "#" stands for a word of
 // random length.
-const std::pair<const char*, int> kKinds[] = {
+constexpr std::pair<const char*, int> kKinds[] = {
         {"type: REQUEST property_message { read_request { name: 'vendor.soak' } }", 0},
         {"type: REQUEST property_message { read_request { name: '#' } }", 7},
         {"type: REQUEST property_message { write_request { name: 'vendor.soak' value: '#' } }", 0},
@@ -162,7 +163,9 @@ class LogCounts {
 class SoakTest : public testing::Test {
   protected:
     SoakTest() {
-        simulation.modem().SetResponsePolicy({true, velmar_message::SUCCESS, kResponseDelay});
+        velmar_sim::ResponsePolicy policy;
+        policy.set_delay_ms(kResponseDelayMs);
+        simulation.modem().SetResponsePolicy(policy);
     }
 
     void TearDown() override {
@@ -250,6 +253,14 @@ class SoakTest : public testing::Test {
         while (!awaited.empty()) Receive();
     }
 
+    void AwaitRadioRequest() {
+        const auto deadline = Clock::now() + kTimeout;
+        while (!simulation.radio().Take()) {
+            Require(Clock::now() < deadline, "no request for the radio");
+            std::this_thread::sleep_for(kPollInterval);
+        }
+    }
+
     // Waits until all that was begun is done.
     void Settle() {
         AwaitResponses();
@@ -257,7 +268,7 @@ class SoakTest : public testing::Test {
         log.Await(kResponseTaken, requests_due);
         log.Await(kRequestFailed, 0);
         for (; radio_due > 0; --radio_due) {
-            Require(simulation.radio().Receive(kTimeout).has_value(), "no request for the radio");
+            AwaitRadioRequest();
         }
         while (client && client->IsRunning()) std::this_thread::sleep_for(kPollInterval);
         Require(!client || client->wait_status() == 0, "a client run failed");
