@@ -173,9 +173,11 @@ TEST_F(SenderTest, StatusTellsTheOutcomeAndARecordStaysUntilItsResponse) {
         EXPECT_EQ(service.SendModemStatEnableRequest("m", 1, 2), row.status_of_others);
         EXPECT_EQ(service.SendUserspaceLogEnableRequestMessage("n"), row.status_of_others);
     }
+    EXPECT_EQ(log.Count("E Got modemstat enable response failed"), 2);
 }
 
 TEST_F(SenderTest, OfflineNothingIsSentAndNoTokenTaken) {
+    EXPECT_EQ(service.SendServiceRequest(kCommandDebugStatConfig), kStatusNotFound);
     folder.WriteFile(kStatConfig, "a|b");
     unsigned int before = TokenGen::GetInstance()->GetNext();
     EXPECT_EQ(service.SendServiceRequest(kCommandModemStatReport), kStatusOffline);
@@ -201,6 +203,7 @@ TEST_F(SenderTest, ConfigThatGrowsWhileItIsReadIsCutOff) {
             });
     EXPECT_EQ(service.SendServiceRequest(kCommandDebugStatConfig), kStatusSuccess);
     writer.join();
+    EXPECT_EQ(service.SendServiceRequest(kCommandUserspaceLogEnable), kStatusSuccess);
 }
 
 }  // namespace
