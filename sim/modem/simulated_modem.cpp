@@ -260,7 +260,8 @@ void SimulatedModem::Run() {
             const auto& [device, opener] = openers[i];
             if (device == &boot || !ReceiveFrom(*opener, happened)) {
                 const std::lock_guard<std::mutex> guard(lock);
-                Drop(device, opener);
+                // One that the modem has hung up meanwhile still has messages to be read.
+                if (!opener->hung_up) Drop(device, opener);
             }
         }
         SendDueResponses();
