@@ -123,6 +123,8 @@ ChildProcess::ChildProcess(const Launch& launch, OutputReader output, OutputRead
         BecomeProgram(launch, arguments.data(), environment.data(), parent,
                       output_ends.writing.get(), error_ends.writing.get());
     }
+    // In both processes, so that the group is there whichever of them comes first.
+    static_cast<void>(setpgid(pid, pid));
     output_ends.writing.reset();
     error_ends.writing.reset();
     running = true;

@@ -1,0 +1,249 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "sim/modem/device_socket.h"
+#include "sim/modem/fault_injector.h"
+#include "sim/modem/phone_folder.h"
+#include "sim/modem/simulated_modem.h"
+#include "sim/tool/file_push.h"
+
+using std::chrono::milliseconds;
+using testing::HasSubstr;
+using testing::SizeIs;
+using velmar_sim::PhoneFolder;
+using velmar_sim::TemporaryFolder;
+
+namespace {
+
+constexpr milliseconds kSoon{10000};
+constexpr milliseconds kAtOnce{0};
+
+// The service's side of a device, without a service.
+class Opener {
+  public:
+    Opener(const PhoneFolder& folder, const std::string& path)
+        : state(folder.MapState()), fd(velmar_sim::ConnectTo(folder.HostPath(path))) {
+        const timeval limit = {10, 0};
+        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+    }
+
+    // One message; "-" when there is none right now or the modem is gone.
+    std::string Read(int flags = 0) const {
+        std::string buffer(200000, '\0');
+        const ssize_t size = recv(fd, buffer.data(), buffer.size(), flags);
+        if (size > 0) ++state->channel_reads;
+        return size < 0 ? "-" : buffer.substr(0, static_cast<size_t>(size));
+    }
+
+    void Write(const std::string& bytes) const {
+        EXPECT_EQ(send(fd, bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
+    }
+
+  private:
+    const std::shared_ptr<velmar_phone::PhoneState> state;
+    const android::base::unique_fd fd;
+};
+
+class ModemTest : public testing::Test {
+  protected:
+    std::unique_ptr<Opener> OpenChannel() {
+        return std::make_unique<Opener>(folder, velmar_phone::kChannelDevice);
+    }
+    bool IsOpen() { return modem.WaitForChannel(kAtOnce); }
+
+    const PhoneFolder folder;
+    velmar_sim::SimulatedModem modem{folder};
+};
+
+TEST_F(ModemTest, WhatNobodyHasReadWaitsForTheNextReader) {
+    modem.SendBytes("1");
+    auto first = OpenChannel();
+    auto second = OpenChannel();
+    for (const char* message : {"2", "3", "4"}) modem.SendBytes(message);
+    for (const char* message : {"1", "2"}) EXPECT_EQ(first->Read(), message);
+    EXPECT_EQ(second->Read(MSG_DONTWAIT), "-");
+    second->Write("both are heard");
+    EXPECT_EQ(modem.Receive(kSoon)->bytes, "both are heard");
+    first.reset();
+    EXPECT_EQ(second->Read(), "3");
+    second.reset();
+    while (IsOpen()) std::this_thread::sleep_for(milliseconds(1));
+    modem.SendBytes("5");
+
+    auto third = OpenChannel();
+    for (const char* message : {"4", "5"}) EXPECT_EQ(third->Read(), message);
+    modem.SendBytes("6");
+    modem.SendEndOfFile();
+    modem.SendBytes("7");
+    EXPECT_FALSE(IsOpen());
+    EXPECT_EQ(third->Read(), "6");
+    EXPECT_EQ(third->Read(), "");
+    third.reset();
+
+    auto fourth = OpenChannel();
+    EXPECT_EQ(fourth->Read(), "7");
+}
+
+TEST_F(ModemTest, HangingUpLosesNothingAndRepeatsNothing) {
+    auto first = OpenChannel();
+    for (const char* message : {"1", "2"}) modem.SendBytes(message);
+    modem.HangUp();
+    EXPECT_FALSE(IsOpen());
+    modem.SendBytes("3");
+    EXPECT_EQ(first->Read(), "1");
+    first.reset();
+    const auto second = OpenChannel();
+    for (const char* message : {"2", "3"}) EXPECT_EQ(second->Read(), message);
+}
+
+TEST_F(ModemTest, MessagesOfEverySizeKeepTheirBorders) {
+    const auto opener = OpenChannel();
+    for (const size_t size : {1, 65568, 131072}) {
+        modem.SendBytes(std::string(size, 'm'));
+        modem.SendBytes("next");
+        EXPECT_THAT(opener->Read(), SizeIs(size));
+        EXPECT_EQ(opener->Read(), "next");
+        opener->Write(std::string(size, 'p'));
+        opener->Write("next");
+        EXPECT_THAT(modem.Receive(kSoon)->bytes, SizeIs(size));
+        EXPECT_EQ(modem.Receive(kSoon)->bytes, "next");
+    }
+    EXPECT_THROW(modem.SendBytes(std::string(131073, 'm')), std::runtime_error);
+}
+
+TEST(FaultInjector, FillsTheFreeSlots) {
+    const PhoneFolder folder;
+    velmar_sim::FaultInjector injector(folder);
+    const auto state = folder.MapState();
+    velmar_sim::FaultRule rule = {"read", "/dev/oem_ipc1", EIO, 0, 3, 1};
+    for (int i = 0; i < velmar_phone::kMaxFaults; ++i) injector.Add(rule);
+    EXPECT_EQ(state->fault_count, velmar_phone::kMaxFaults);
+    EXPECT_THROW(injector.Add(rule), std::runtime_error);
+    state->faults[2].remaining = 0;
+    injector.Add(rule);
+    EXPECT_EQ(injector.Left(), 3 * velmar_phone::kMaxFaults);
+    injector.Clear();
+    EXPECT_EQ(injector.Left(), 0);
+    rule.path = std::string(300, 'x');
+    EXPECT_THROW(injector.Add(rule), std::runtime_error);
+}
+
+TEST(PhoneFolder, HasLongNamesAndModesWhateverTheUmask) {
+    const TemporaryFolder above;
+    const mode_t before = umask(0777);
+    const PhoneFolder folder(above.path() + "/" + std::string(150, 'n'));
+    folder.WriteFile("/data/new/file", "text", 0640);
+    umask(before);
+    EXPECT_EQ(folder.Mode("/data/vendor/radio/modem_temp_file"), 0770);
+    EXPECT_EQ(folder.Mode("/data/new/file"), 0640);
+    EXPECT_THROW(folder.ReadFile("/data/../../escape"), std::runtime_error);
+    folder.SetProperty("ro.long", std::string(92, 'v'));
+    EXPECT_THAT(folder.GetProperty("ro.long").value_or(""), SizeIs(92));
+    EXPECT_THROW(folder.SetProperty("long", std::string(92, 'v')), std::runtime_error);
+    // The address of a device's socket has room for less than the path.
+    const velmar_sim::SimulatedModem modem(folder);
+    const Opener opener(folder, velmar_phone::kBootDevice);
+}
+
+class PushTest : public testing::Test {
+  protected:
+    static velmar_sim::Push Generated(uint32_t size, uint32_t chunk_size, uint64_t seed = 0) {
+        velmar_sim::Push push;
+        push.mutable_generated()->set_size(size);
+        push.mutable_generated()->set_seed(seed);
+        push.set_file_dir(velmar_message::FILE_DIRECTORY_MDS);
+        push.set_file_name("f");
+        push.set_chunk_size(chunk_size);
+        return push;
+    }
+
+    // The bytes of all chunks, which are indications.
+    std::string ContentOf(velmar_sim::Push push) {
+        push.set_as(velmar_sim::Push::INDICATION);
+        velmar_sim::FilePush file(push, folder);
+        std::string bytes;
+        while (file.Next()) {
+            bytes += file.message().file_message().file_write_indication().data();
+        }
+        return bytes;
+    }
+
+    const PhoneFolder folder;
+};
+
+TEST_F(PushTest, IsRefusedBeforehand) {
+    const velmar_sim::Push good = Generated(5, 2);
+    EXPECT_EQ(velmar_sim::PushError(good), "");
+    const struct {
+        std::function<void(velmar_sim::Push*)> change;
+        const char* error;
+    } cases[] = {
+            {[](auto* push) { push->set_file_dir(velmar_message::FILE_DIRECTORY_RESERVED); },
+             "expected a file_dir of FILE_DIRECTORY_MDS or FILE_DIRECTORY_REPLAY"},
+            {[](auto* push) { push->set_file_name("a/../b"); },
+             "expected a file_name without \"..\", found \"a/../b\""},
+            {[](auto* push) { push->mutable_generated()->set_size(0); },
+             "expected a file of 1 to 4294967295 bytes, found 0"},
+            {[](auto* push) { push->set_source("/none"); },
+             "/none cannot be read: No such file or directory"},
+            {[](auto* push) { push->set_chunk_size(0); },
+             "expected a chunk_size of 1 to 65568, found 0"},
+            {[](auto* push) { *push = Generated(65540, 65540); },
+             "expected messages of at most 65568 bytes, with a chunk_size of 65540 one has 65569"},
+    };
+    for (const auto& [change, error] : cases) {
+        velmar_sim::Push push = good;
+        change(&push);
+        EXPECT_EQ(velmar_sim::PushError(push), error);
+    }
+}
+
+TEST_F(PushTest, ContentDependsOnSizeAndSeedOnly) {
+    const std::string content = ContentOf(Generated(1000, 60000));
+    EXPECT_THAT(content, SizeIs(1000));
+    EXPECT_EQ(ContentOf(Generated(1000, 1)), content);
+    EXPECT_EQ(ContentOf(Generated(1000, 7)), content);
+    EXPECT_NE(ContentOf(Generated(1000, 60000, 1)), content);
+}
+
+TEST_F(PushTest, TheStoredFileIsComparedInEveryRespect) {
+    const std::string target = "/data/vendor/radio/mds/f";
+    const std::string unfinished = "/data/vendor/radio/modem_temp_file/f";
+    folder.WriteFile(target, "old");
+    velmar_sim::Push push = Generated(100000, 60000);
+    push.set_as(velmar_sim::Push::INDICATION);
+    const std::string content = ContentOf(push);
+    velmar_sim::FilePush file(push, folder);
+    while (file.Next()) continue;
+
+    folder.WriteFile(unfinished, "");
+    EXPECT_EQ(file.StoredDifference(), unfinished + " exists, expected none");
+    folder.Remove(unfinished);
+    folder.WriteFile(target, content, 0666);
+    EXPECT_EQ(file.StoredDifference(), target + " was not replaced");
+    folder.Remove(target);
+    EXPECT_EQ(file.StoredDifference(), target + " does not exist");
+    folder.WriteFile(target, content, 0644);
+    EXPECT_THAT(file.StoredDifference(), HasSubstr(target + " has another mode"));
+    std::string other = content;
+    other[70000] ^= 1;
+    for (const auto& [stored, byte] : {std::pair(other, "70000"),
+                                       {content + "x", "100000"},
+                                       {content.substr(0, 99999), "99999"}}) {
+        folder.WriteFile(target, stored, 0666);
+        EXPECT_THAT(file.StoredDifference(), HasSubstr(target + " differs from byte " + byte));
+    }
+    folder.WriteFile(target, content, 0666);
+    EXPECT_EQ(file.StoredDifference(), "");
+}
+
+}  // namespace
