@@ -245,6 +245,8 @@ TEST_F(HastyResponseTest, ResponseThatIsTooEarlyEndsInATimeout) {
     injector.Add({"select", "/dev/oem_ipc1", EBADF});
     HastyHandler handler;
     ASSERT_EQ(handler.Start(), kStatusSuccess);
+    // The reader closes the channel when it ends: the request is sent over one that stays open.
+    ASSERT_TRUE(log.WaitFor("E IO handler thread stopped"));
     auto request = NewRequest();
     auto before_the_record =
             Receive("type: RESPONSE token: " + std::to_string(request->GetToken()));
