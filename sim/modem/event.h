@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <mutex>
@@ -21,7 +22,8 @@ struct Event {
         kOpened,    // a program of the phone has opened the device `text`
         kClosed,    // ... has closed it
         kLog,       // a log line with `priority` and `tag`
-        kRadio,     // a call of the radio's client library
+        kRadio,     // a call of the radio's client library, or a response of the radio: a RadioCall
+        kFault,     // a fault has hit: call `tag`, path `text`, error `number`, or length `total`
         kProgress,  // `number` of `total` bytes of a file are sent
         // Between these two many events are alike; a writer for people shows few of them.
         kRepetitionBegin,
@@ -35,6 +37,8 @@ struct Event {
     int64_t number = 0;
     int64_t total = 0;
     Clock::time_point time = Clock::now();
+    // Set by the stream.
+    std::chrono::microseconds since_boot = {};
 };
 
 // Shows or records events. One call at a time, each on the thread on which the event happened,
@@ -45,21 +49,33 @@ class EventWriter {
     virtual void Write(const Event& event) = 0;
 };
 
-// Hands the events of a simulated phone to its writers. Any thread.
+// Hands the events of a simulated phone, which boots when the stream is made, to its writers. Any
+// thread.
 class EventStream {
   public:
     // `writer` is borrowed. Before the first event.
     void Attach(EventWriter* writer) { writers.push_back(writer); }
 
-    void Emit(const Event& event) {
+    void Emit(Event event) {
         const std::lock_guard<std::mutex> guard(lock);
+        // One that is found late has the time at which that was.
+        last = std::max(last, event.time);
+        event.since_boot = std::chrono::duration_cast<std::chrono::microseconds>(last - boot);
         for (EventWriter* writer : writers) writer->Write(event);
     }
 
     void EmitText(const std::string& text) { Emit({Event::Kind::kText, text}); }
 
+    // How long nothing has happened.
+    Clock::duration QuietTime() const {
+        const std::lock_guard<std::mutex> guard(lock);
+        return Clock::now() - last;
+    }
+
   private:
-    std::mutex lock;
+    const Clock::time_point boot = Clock::now();
+    mutable std::mutex lock;
+    Clock::time_point last = boot;
     std::vector<EventWriter*> writers;
 };
 

@@ -21,6 +21,11 @@ void CopyText(const std::string& text, char (&field)[kSize]) {
 
 }  // namespace
 
+FaultInjector::FaultInjector(const PhoneFolder& folder, EventStream* event_stream)
+    : events(event_stream), state(folder.MapState()) {
+    for (Slot& slot : slots) slot.rule.times = 0;
+}
+
 void FaultInjector::Add(const FaultRule& rule) {
     if (rule.times < 1 || rule.skip < 0 || rule.length < 0) {
         throw std::runtime_error("fault: expected times above 0, skip and length not below 0");
@@ -29,6 +34,8 @@ void FaultInjector::Add(const FaultRule& rule) {
     for (int slot = 0; slot < velmar_phone::kMaxFaults; ++slot) {
         velmar_phone::Fault& fault = state->faults[slot];
         if (fault.remaining.load(std::memory_order_acquire) > 0) continue;
+        LookAt(slot);
+        slots[slot] = {rule};
         CopyText(rule.call, fault.call);
         CopyText(rule.path, fault.path);
         fault.error = rule.error;
@@ -45,8 +52,11 @@ void FaultInjector::Add(const FaultRule& rule) {
 
 void FaultInjector::Clear() {
     const std::lock_guard<std::mutex> guard(lock);
-    for (velmar_phone::Fault& fault : state->faults) {
-        fault.remaining.store(0, std::memory_order_release);
+    for (int slot = 0; slot < velmar_phone::kMaxFaults; ++slot) {
+        LookAt(slot);
+        state->faults[slot].remaining.store(0, std::memory_order_release);
+        slots[slot].rule.times = 0;
+        slots[slot].hits = 0;
     }
     state->fault_count.store(0, std::memory_order_release);
 }
@@ -57,6 +67,33 @@ int FaultInjector::Left() const {
         left += fault.remaining.load(std::memory_order_acquire);
     }
     return left;
+}
+
+void FaultInjector::Look() {
+    const std::lock_guard<std::mutex> guard(lock);
+    for (int slot = 0; slot < velmar_phone::kMaxFaults; ++slot) LookAt(slot);
+}
+
+// Called with the lock held.
+void FaultInjector::LookAt(int slot) {
+    const FaultRule& rule = slots[slot].rule;
+    const int remaining = state->faults[slot].remaining.load(std::memory_order_acquire);
+    for (int& hits = slots[slot].hits; hits < rule.times - remaining; ++hits) {
+        Event event = {Event::Kind::kFault, rule.path, rule.call};
+        event.number = rule.error;
+        event.total = rule.length;
+        events->Emit(event);
+    }
+}
+
+std::vector<std::string> FaultInjector::WithoutHit() const {
+    const std::lock_guard<std::mutex> guard(lock);
+    std::vector<std::string> all;
+    for (const auto& [rule, hits] : slots) {
+        if (rule.times > 0 && hits == 0 && !rule.optional)
+            all.push_back(rule.call + " " + rule.path);
+    }
+    return all;
 }
 
 }  // namespace velmar_sim

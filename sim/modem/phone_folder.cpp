@@ -5,6 +5,7 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <stdexcept>
 
@@ -76,6 +77,15 @@ bool PhoneFolder::IsPropertyValue(const std::string& name, const std::string& va
 
 bool PhoneFolder::IsPhonePath(const std::string& path) {
     return path.size() > 1 && path.front() == '/' && (path + "/").find("/../") == std::string::npos;
+}
+
+bool PhoneFolder::IsOnPhone(const std::string& path) {
+    const auto leads = [&path](std::string_view top) {
+        return path.compare(0, top.size(), top) == 0 &&
+               (path.size() == top.size() || path[top.size()] == '/');
+    };
+    const auto& tops = velmar_phone::kPhonePaths;
+    return IsPhonePath(path) && std::any_of(std::begin(tops), std::end(tops), leads);
 }
 
 std::string PhoneFolder::HostPath(const std::string& path) const {

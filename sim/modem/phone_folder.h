@@ -35,6 +35,9 @@ class PhoneFolder {
     // Whether `path` is absolute, without "..", and not just "/".
     static bool IsPhonePath(const std::string& path);
 
+    // Whether it is such a path of which a program in the phone sees the phone's own file.
+    static bool IsOnPhone(const std::string& path);
+
     // Fills a temporary folder, which goes with the object.
     PhoneFolder();
 

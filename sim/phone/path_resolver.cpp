@@ -14,11 +14,6 @@
 namespace velmar_phone {
 namespace {
 
-constexpr std::string_view kPhonePaths[] = {
-        "/data",        "/vendor",   "/mnt/vendor", "/sys/devices/platform/cp-tm1",
-        kChannelDevice, kBootDevice,
-};
-
 // The kernel's own limit on links in one path.
 constexpr int kMaxLinks = 40;
 

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <string_view>
 
 // Where things lie below the folder that VELMAR_PHONE_ROOT names, and the state that the processes
 // of one simulated phone share: libvelmar_phone.so in each program that runs in the phone, and the
@@ -15,6 +16,12 @@ constexpr char kRootVariable[] = "VELMAR_PHONE_ROOT";
 // The devices. Below the folder each is a listening AF_UNIX SOCK_SEQPACKET socket of the modem.
 constexpr char kChannelDevice[] = "/dev/oem_ipc1";
 constexpr char kBootDevice[] = "/dev/umts_boot0";
+
+// What a phone has: paths of these, and below them. All others are the workstation's.
+constexpr std::string_view kPhonePaths[] = {
+        "/data",        "/vendor",   "/mnt/vendor", "/sys/devices/platform/cp-tm1",
+        kChannelDevice, kBootDevice,
+};
 
 // State of the modem as the boot device's ioctl gives it.
 constexpr unsigned long kBootStateIoctl = 0x6F27;

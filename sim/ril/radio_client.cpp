@@ -152,6 +152,10 @@ int RILC_Send(void* client, unsigned int request, void* data, size_t length,
     const auto respond = [=] {
         std::this_thread::sleep_for(std::chrono::milliseconds(response.delay_ms()));
         for (int times = response.twice() ? 2 : 1; times > 0; --times) {
+            RadioCall done = NewCall("response");
+            done.set_response_to(request);
+            done.set_error(response.error());
+            Record(done);
             callback(request, response.error(), nullptr, 0, extra);
         }
     };

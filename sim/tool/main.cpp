@@ -2,13 +2,16 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <exception>
+#include <iostream>
+#include <string>
 
 #include "CLI/CLI.hpp"
 
+#include "sim/tool/bad_input.h"
 #include "sim/tool/interruption.h"
 #include "sim/tool/run_command.h"
+#include "sim/tool/session.h"
 
 namespace {
 
@@ -27,6 +30,13 @@ int ExecuteCommandLine(int argc, char** argv) {
     app.require_subcommand(1);
     int status = velmar_sim::kBadInput;
     velmar_sim::AddRunCommand(&app, &status);
+    const auto is_named = [argv](const CLI::App* command) {
+        return command->get_name() == argv[1];
+    };
+    if (argc > 1 && *argv[1] != '-' && app.get_subcommands(is_named).empty()) {
+        throw velmar_sim::BadInput(std::string("velmar_sim: expected a command, found ") + argv[1] +
+                                   "; --help lists them");
+    }
     try {
         app.parse(argc, argv);
         return status;
@@ -44,8 +54,15 @@ int main(int argc, char** argv) {
     int status = velmar_sim::kFailed;
     try {
         status = ExecuteCommandLine(argc, argv);
+    } catch (const velmar_sim::BadInput& error) {
+        std::cerr << std::string(error.what()) + "\n";
+        status = velmar_sim::kBadInput;
     } catch (const std::exception& error) {
-        static_cast<void>(fprintf(stderr, "velmar_sim: %s\n", error.what()));
+        std::cerr << std::string("velmar_sim: ") + error.what() + "\n";
+    }
+    if (!std::cout.flush()) {
+        std::cerr << "standard output: cannot be written\n";
+        status = velmar_sim::kBadInput;
     }
     if (const int number = velmar_sim::NotedSignal()) {
         static_cast<void>(signal(number, SIG_DFL));

@@ -1,5 +1,7 @@
 #include "sim/tool/message_text.h"
 
+#include <algorithm>
+
 #include "android-base/stringprintf.h"
 #include "google/protobuf/descriptor.h"
 #include "google/protobuf/stubs/strutil.h"
@@ -52,24 +54,30 @@ std::string DescribePayload(const Message& envelope) {
 }
 
 std::string SizeText(const std::string& bytes) {
-    return std::to_string(bytes.size()) + (bytes.size() == 1 ? " byte" : " bytes");
+    return CountOf(bytes.size(), "byte");
 }
 
 }  // namespace
 
+std::string CountOf(size_t count, const std::string& noun) {
+    return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
 std::string QuoteBytes(const std::string& bytes) {
-    std::string text = '"' + google::protobuf::CEscape(bytes.substr(0, kMaxShownBytes)) + '"';
+    std::string text =
+            '"' + google::protobuf::strings::CHexEscape(bytes.substr(0, kMaxShownBytes)) + '"';
     if (bytes.size() > kMaxShownBytes) text += "... (" + SizeText(bytes) + ")";
     return text;
 }
 
-std::string HexBytes(const std::string& bytes) {
+std::string HexBytes(const std::string& bytes, bool whole) {
+    const size_t shown = whole ? bytes.size() : std::min(bytes.size(), kMaxShownBytes);
     std::string text;
-    for (const char byte : bytes.substr(0, kMaxShownBytes)) {
+    for (const char byte : bytes.substr(0, shown)) {
         text += android::base::StringPrintf(text.empty() ? "%02x" : " %02x",
                                             static_cast<unsigned char>(byte));
     }
-    return bytes.size() > kMaxShownBytes ? text + " ..." : text;
+    return bytes.size() > shown ? text + " ..." : text;
 }
 
 std::string ShortText(const Message& message) {
@@ -81,11 +89,12 @@ std::string ShortText(const Message& message) {
     return text;
 }
 
-std::string DescribeMessage(const std::string& bytes) {
+std::string DescribeMessage(const std::string& bytes, bool whole) {
     VelmarMessage message;
     if (!message.ParseFromString(bytes)) {
-        return "not a message, " + SizeText(bytes) + ": " + HexBytes(bytes);
+        return "not a message, " + SizeText(bytes) + ": " + HexBytes(bytes, whole);
     }
+    if (whole) return "(" + SizeText(bytes) + ") " + message.ShortDebugString();
     std::string text = message.has_type() ? velmar_message::VelmarMessageType_Name(message.type())
                                           : std::string("(no type)");
     if (message.has_token()) text += " token=" + std::to_string(message.token());

@@ -3,7 +3,10 @@
 #include <signal.h>
 #include <string.h>
 
+#include <algorithm>
 #include <charconv>
+#include <cstdint>
+#include <iterator>
 
 namespace velmar_sim {
 
@@ -43,6 +46,21 @@ std::optional<mode_t> ModeFromText(const std::string& text) {
     const auto parsed = std::from_chars(text.data(), end, mode, 8);
     if (parsed.ec != std::errc() || parsed.ptr != end || mode > kMaxMode) return std::nullopt;
     return mode;
+}
+
+std::optional<std::string> BytesFromHex(const std::string& text) {
+    std::string digits;
+    std::remove_copy_if(text.begin(), text.end(), std::back_inserter(digits),
+                        [](char one) { return one == ' ' || one == '\t'; });
+    if (digits.empty() || digits.size() % 2 != 0) return std::nullopt;
+    std::string bytes;
+    for (size_t i = 0; i < digits.size(); i += 2) {
+        uint8_t byte = 0;
+        const char* end = digits.data() + i + 2;
+        if (std::from_chars(digits.data() + i, end, byte, 16).ptr != end) return std::nullopt;
+        bytes += static_cast<char>(byte);
+    }
+    return bytes;
 }
 
 std::optional<char> PriorityFromText(const std::string& text) {

@@ -17,6 +17,8 @@ std::string SignalName(int signal);
 std::optional<int> ErrorFromName(const std::string& name);
 // "0644" -> 0644; octal digits only, at most 07777.
 std::optional<mode_t> ModeFromText(const std::string& text);
+// "08 01" or "0801" -> the two bytes; an even number of digits, at least two.
+std::optional<std::string> BytesFromHex(const std::string& text);
 // "I" or "4" -> 'I'.
 std::optional<char> PriorityFromText(const std::string& text);
 

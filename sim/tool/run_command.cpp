@@ -1,22 +1,20 @@
 #include "sim/tool/run_command.h"
 
 #include <signal.h>
-#include <unistd.h>
 
 #include <exception>
-#include <filesystem>
 #include <iostream>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "sim/tool/bad_input.h"
 #include "sim/tool/interruption.h"
 #include "sim/tool/log_stream.h"
+#include "sim/tool/message_text.h"
 #include "sim/tool/scenario_reader.h"
-#include "sim/tool/simulation.h"
-#include "sim/tool/step_player.h"
-#include "sim/tool/transcript.h"
+#include "sim/tool/session.h"
 
 namespace velmar_sim {
 
@@ -29,10 +27,7 @@ constexpr char kFooter[] =
 
 struct Options {
     std::vector<std::string> paths;
-    std::string velmar = std::filesystem::read_symlink("/proc/self/exe").parent_path() / "velmar";
-    bool keep = false;
-    bool quiet = false;
-    double time_factor = 1;
+    SessionOptions session;
 };
 
 // Whether step `current`, or a later one, awaits the end of the service that was started last.
@@ -45,19 +40,14 @@ bool IsEndAwaited(const Scenario& scenario, int current) {
 }
 
 // Plays the scenario; returns what to say about its failure, nothing when it passed.
-std::string FindFailure(const ScenarioFile& file, const Options& options) {
+std::string FindFailure(const ScenarioFile& file, const SessionOptions& options,
+                        const SessionWriters& writers) {
     const Scenario& scenario = file.scenario;
-    Transcript transcript;
-    EventStream events;
-    if (!options.quiet) events.Attach(&transcript);
-    events.Emit({Event::Kind::kHeading, file.path + ": " + scenario.description()});
     std::string place = file.path + ": ";
-    std::optional<Simulation> simulation;
+    std::optional<Session> session;
     try {
-        PhoneFolder folder = options.keep ? PhoneFolder(MakeFolder("kept")) : PhoneFolder();
-        if (options.keep) std::cout << "folder " << folder.root() << std::endl;
-        simulation.emplace(scenario.phone(), options.velmar, std::move(folder), &events);
-        StepPlayer player(scenario.phone(), options.time_factor, &*simulation, &events);
+        session.emplace(place + scenario.description(), scenario.phone(), options, writers);
+        StepPlayer& player = session->player();
         player.Start();
         for (int i = 0; i < scenario.step_size(); ++i) {
             place = file.path + ":" + std::to_string(file.step_lines[i]) + ": ";
@@ -68,9 +58,9 @@ std::string FindFailure(const ScenarioFile& file, const Options& options) {
         return "";
     } catch (const std::exception& error) {
         std::string text = place + error.what() + "\n";
-        if (!simulation) return text;
+        if (!session) return text;
         text += "  last log lines:\n";
-        for (const LogLine& line : simulation->log().Last(kShownLogLines)) {
+        for (const LogLine& line : session->simulation().log().Last(kShownLogLines)) {
             text += "    " + DescribeLogLine(line) + "\n";
         }
         return text;
@@ -78,35 +68,33 @@ std::string FindFailure(const ScenarioFile& file, const Options& options) {
 }
 
 int Run(const Options& options) {
-    if (access(options.velmar.c_str(), X_OK) != 0) {
-        std::cerr << "--velmar: expected an executable, found " + options.velmar + "\n";
-        return kBadInput;
-    }
+    CheckSessionOptions(options.session);
     std::vector<ScenarioFile> files;
-    try {
-        for (const std::string& path : options.paths) files.push_back(ReadScenario(path));
-    } catch (const BadScenario& error) {
-        std::cerr << std::string(error.what()) + "\n";
-        return kBadInput;
+    for (const std::string& path : options.paths) files.push_back(ReadScenario(path));
+    if (files.size() > 1 && IsKeptAt(options.session)) {
+        throw BadInput("--keep=DIR: expected one scenario, found " + std::to_string(files.size()));
     }
+    const SessionWriters writers(options.session);
     size_t failed = 0;
-    int steps = 0;
+    size_t steps = 0;
     for (const ScenarioFile& file : files) {
-        const std::string failure = FindFailure(file, options);
+        const std::string failure = FindFailure(file, options.session, writers);
         // Nobody reads on.
         if (NotedSignal() == SIGPIPE) return kFailed;
         // In one piece, since other output may come between pieces.
         std::cerr << failure;
         std::cout << (failure.empty() ? "PASS " : "FAIL ") << file.path << std::endl;
         if (!failure.empty()) ++failed;
-        steps += file.scenario.step_size();
+        steps += file.step_lines.size();
         if (NotedSignal() != 0) break;
     }
     if (failed > 0) {
-        std::cout << "FAILED: " << failed << " of " << files.size() << " scenarios" << std::endl;
+        std::cout << "FAILED: " << failed << " of " << CountOf(files.size(), "scenario")
+                  << std::endl;
         return kFailed;
     }
-    std::cout << "PASSED: " << files.size() << " scenarios, " << steps << " steps" << std::endl;
+    std::cout << "PASSED: " << CountOf(files.size(), "scenario") << ", " << CountOf(steps, "step")
+              << std::endl;
     return kPassed;
 }
 
@@ -116,17 +104,10 @@ void AddRunCommand(CLI::App* app, int* status) {
     CLI::App* run = app->add_subcommand("run", "Plays scenarios, each on a fresh simulated phone");
     // The command lives as long as its callback.
     const auto options = std::make_shared<Options>();
-    run->add_option("SCENARIO", options->paths, "Scenario files, played one after the other")
-            ->required()
-            ->check(CLI::ExistingFile);
-    run->add_option("--velmar", options->velmar, "The service's executable")->capture_default_str();
-    run->add_flag("--keep", options->keep, "Keep each phone's folder, and name it");
-    run->add_flag("--quiet", options->quiet, "Show the verdicts only");
-    run->add_option("--time-factor", options->time_factor,
-                    "What has to come may take so many times as long as its scenario says")
-            ->envname("VELMAR_SIM_TIME_FACTOR")
-            ->check(CLI::Range(0.01, 1000.0))
-            ->capture_default_str();
+    run->add_option("SCENARIO", options->paths,
+                    "Scenario files, played one after the other; - is standard input")
+            ->required();
+    AddSessionOptions(run, &options->session);
     run->footer(kFooter);
     run->callback([options, status] { *status = Run(*options); });
 }

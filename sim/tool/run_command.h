@@ -4,11 +4,6 @@
 
 namespace velmar_sim {
 
-// Exit statuses of velmar_sim.
-constexpr int kPassed = 0;
-constexpr int kFailed = 1;
-constexpr int kBadInput = 2;
-
 // Adds "velmar_sim run", which plays scenarios one after the other, each on a phone of its own.
 // When the command line names it, parsing executes it and puts the exit status into `status`. Main
 // thread.

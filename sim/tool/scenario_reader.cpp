@@ -1,6 +1,7 @@
 #include "sim/tool/scenario_reader.h"
 
 #include <errno.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -10,7 +11,6 @@
 #include <set>
 #include <system_error>
 
-#include "android-base/file.h"
 #include "google/protobuf/io/tokenizer.h"
 #include "google/protobuf/text_format.h"
 
@@ -59,7 +59,11 @@ TextRule OneOf(const std::string& what, const std::set<std::string>& names) {
 
 // By the field's name in the schema; null for a field that takes any text.
 const TextRule* FindTextRule(const FieldDescriptor& field) {
-    static const TextRule path = {"an absolute path without \"..\"", PhoneFolder::IsPhonePath};
+    static const TextRule path = {
+            "a path of the phone without \"..\": a device, or one in /data, /vendor, /mnt/vendor "
+            "or "
+            "/sys/devices/platform/cp-tm1",
+            PhoneFolder::IsOnPhone};
     static const TextRule mode = {"permissions in octal such as \"0644\"", Converts<ModeFromText>};
     static const TextRule signal = {"a signal such as \"SIGUSR1\"", Converts<SignalFromName>};
     static const TextRule pattern = {"a regular expression", IsPattern};
@@ -72,6 +76,7 @@ const TextRule* FindTextRule(const FieldDescriptor& field) {
             {"File.mode", mode},
             {"FileState.mode", mode},
             {"Step.signal", signal},
+            {"Step.send_hex", {"bytes in hexadecimal such as \"08 01\"", Converts<BytesFromHex>}},
             {"Exit.signal", signal},
             {"LogPattern.matching", pattern},
             {"FileState.matching", pattern},
@@ -99,9 +104,9 @@ std::string FindMissing(const Message& message) {
         const auto* field = type->field(i);
         if (field->is_required() && !reflection->HasField(message, field)) return field->name();
     }
-    // A file may just be there, and a message of the modem may be anything.
-    const bool may_lack_all =
-            type == FileState::descriptor() || type->file() != Scenario::descriptor()->file();
+    // A file may be empty or just be there, and a message of the modem may be anything.
+    const bool may_lack_all = type == FileState::descriptor() || type == File::descriptor() ||
+                              type->file() != Scenario::descriptor()->file();
     for (int i = 0; i < type->oneof_decl_count() && !may_lack_all; ++i) {
         const auto* oneof = type->oneof_decl(i);
         if (reflection->HasOneof(message, oneof)) continue;
@@ -122,6 +127,10 @@ std::string MessageError(const Message& message) {
     const std::string missing = FindMissing(message);
     if (!missing.empty()) return "expected " + missing;
     if (const auto* push = DynamicCastToGenerated<Push>(&message)) return PushError(*push);
+    const auto* file = DynamicCastToGenerated<File>(&message);
+    if (file != nullptr && file->has_source() && access(file->source().c_str(), R_OK) != 0) {
+        return "source: " + file->source() + ": " + std::generic_category().message(errno);
+    }
     const auto* property = DynamicCastToGenerated<Property>(&message);
     if (property != nullptr && !PhoneFolder::IsPropertyValue(property->name(), property->value())) {
         return "expected a value of at most 91 bytes, or a name that begins with \"ro.\"";
@@ -189,11 +198,10 @@ class ErrorList : public google::protobuf::io::ErrorCollector {
     std::string list;
 };
 
-// Makes the path of a pushed file one that leads from here.
-void ResolveSource(const std::string& scenario_path, Step* step) {
-    if (!step->push().has_source()) return;
-    const std::filesystem::path folder = std::filesystem::path(scenario_path).parent_path();
-    step->mutable_push()->set_source(folder / step->push().source());
+// Makes the path of a file of the workstation one that leads from here.
+template <typename WithSource>
+void ResolveSource(const std::filesystem::path& folder, WithSource* origin) {
+    if (origin->has_source()) origin->set_source(folder / origin->source());
 }
 
 }  // namespace
@@ -211,10 +219,14 @@ ScenarioFile ParseScenario(const std::string& path, const std::string& text) {
     parser.ParseFromString(text, &file.scenario);
     errors.ThrowIfAny();
 
+    const std::filesystem::path folder = std::filesystem::path(path).parent_path();
+    for (File& held : *file.scenario.mutable_phone()->mutable_file()) ResolveSource(folder, &held);
     const auto* steps = Scenario::descriptor()->FindFieldByName("step");
     for (int i = 0; i < file.scenario.step_size(); ++i) {
         file.step_lines.push_back(tree.GetLocation(steps, i).line + 1);
-        ResolveSource(path, file.scenario.mutable_step(i));
+        Step* step = file.scenario.mutable_step(i);
+        if (step->has_push()) ResolveSource(folder, step->mutable_push());
+        if (step->has_write_file()) ResolveSource(folder, step->mutable_write_file());
     }
     if (file.step_lines.empty()) throw BadScenario(path + ":1: scenario: expected a step");
     errors.CheckMessage(file.scenario, "scenario", 1, tree);
@@ -223,11 +235,7 @@ ScenarioFile ParseScenario(const std::string& path, const std::string& text) {
 }
 
 ScenarioFile ReadScenario(const std::string& path) {
-    std::string text;
-    if (!android::base::ReadFileToString(path, &text, true)) {
-        throw BadScenario(path + ": cannot be read: " + std::generic_category().message(errno));
-    }
-    return ParseScenario(path, text);
+    return ParseScenario(path, ReadInput(path));
 }
 
 }  // namespace velmar_sim

@@ -1,9 +1,9 @@
 #pragma once
 
-#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "sim/tool/bad_input.h"
 #include "sim/tool/scenario.pb.h"
 
 namespace velmar_sim {
@@ -19,9 +19,9 @@ struct ScenarioFile {
 
 // A scenario that cannot be played. The text has a line "FILE:LINE: what was expected" for each
 // error.
-class BadScenario : public std::runtime_error {
+class BadScenario : public BadInput {
   public:
-    using std::runtime_error::runtime_error;
+    using BadInput::BadInput;
 };
 
 // Reads a scenario in text form. `path` names it in messages. Throws BadScenario. Any thread.

@@ -24,15 +24,19 @@ std::string NumberAt(const std::string& bytes, size_t offset) {
     return std::to_string(static_cast<int16_t>(low | high << 8));
 }
 
-std::string DescribeCall(const RadioCall& call) {
-    if (call.has_request()) return DescribeRadioRequest(call.request());
+}  // namespace
+
+std::string DescribeRadioCall(const RadioCall& call) {
+    if (call.has_response_to()) {
+        return "radio -> velmar  response to request " + std::to_string(call.response_to()) +
+               ": error " + std::to_string(call.error());
+    }
+    if (call.has_request()) return "velmar -> radio  " + DescribeRadioRequest(call.request());
     RadioCall arguments = call;
     arguments.clear_time_us();
     arguments.clear_function();
-    return call.function() + "  " + ShortText(arguments);
+    return "velmar -> radio  " + call.function() + "  " + ShortText(arguments);
 }
-
-}  // namespace
 
 std::string DescribeRadioRequest(const RadioRequest& request) {
     const std::string& data = request.data();
@@ -55,7 +59,7 @@ void SimulatedRadio::Look() {
         if (!TextFormat::ParseFromString(line, &call)) {
             throw std::runtime_error("the radio's library wrote \"" + line + "\", expected a call");
         }
-        Event event = {Event::Kind::kRadio, DescribeCall(call)};
+        Event event = {Event::Kind::kRadio, call.SerializeAsString()};
         event.time = Clock::time_point(std::chrono::microseconds(call.time_us()));
         events->Emit(event);
         if (call.has_request()) requests.push_back(call.request());

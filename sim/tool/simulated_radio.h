@@ -14,6 +14,9 @@ namespace velmar_sim {
 // coexistence configuration. Any thread.
 std::string DescribeRadioRequest(const RadioRequest& request);
 
+// One line: who speaks to whom, and what. Any thread.
+std::string DescribeRadioCall(const RadioCall& call);
+
 // The radio of a simulated phone, behind the client library that the service loads. Operations
 // belong to the main thread; those that fail throw std::runtime_error.
 class SimulatedRadio {

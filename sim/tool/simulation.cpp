@@ -3,10 +3,13 @@
 #include <stdlib.h>
 
 #include <filesystem>
+#include <stdexcept>
 #include <utility>
 
+#include "android-base/file.h"
 #include "android-base/strings.h"
 
+#include "sim/modem/errors.h"
 #include "sim/phone/phone_state.h"
 #include "sim/ril/radio_layout.h"
 #include "sim/tool/names.h"
@@ -47,13 +50,13 @@ Simulation::Simulation(const Phone& description, const std::string& velmar, Phon
       phone_folder(std::move(folder)),
       simulated_modem(phone_folder, events),
       thermal_driver(phone_folder, events),
-      fault_injector(phone_folder),
+      fault_injector(phone_folder, events),
       simulated_radio(phone_folder, events) {
     for (const File& file : description.file()) {
         phone_folder.Remove(file.path());
         WriteFile(file);
     }
-    for (const std::string& path : description.missing()) phone_folder.Remove(path);
+    for (const std::string& path : description.missing()) Remove(path);
     for (const Property& property : description.property()) {
         phone_folder.SetProperty(property.name(), property.value());
     }
@@ -65,7 +68,18 @@ Simulation::Simulation(const Phone& description, const std::string& velmar, Phon
 }
 
 void Simulation::WriteFile(const File& file) const {
-    phone_folder.WriteFile(file.path(), file.content(), ModeFromText(file.mode()).value_or(0));
+    std::string content = file.content();
+    if (file.has_source() && !android::base::ReadFileToString(file.source(), &content, true)) {
+        ThrowErrno("read " + file.source());
+    }
+    phone_folder.WriteFile(file.path(), content, ModeFromText(file.mode()).value_or(0));
+}
+
+void Simulation::Remove(const std::string& path) const {
+    if (!phone_folder.Mode(path)) {
+        throw std::runtime_error("remove " + path + ": the phone has no such file or directory");
+    }
+    phone_folder.Remove(path);
 }
 
 Launch Simulation::LaunchOf(const std::vector<std::string>& arguments) const {

@@ -37,6 +37,10 @@ class Simulation {
     // Writes a file of the phone. Throws std::runtime_error.
     void WriteFile(const File& file) const;
 
+    // Takes away a file of the phone, or a directory with all that it holds. Throws
+    // std::runtime_error, also when there is none.
+    void Remove(const std::string& path) const;
+
     const PhoneFolder& folder() const { return phone_folder; }
     SimulatedModem& modem() { return simulated_modem; }
     ThermalDriver& thermal() { return thermal_driver; }

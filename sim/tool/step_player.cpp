@@ -27,6 +27,8 @@ using velmar_message::VelmarMessage;
 
 constexpr char kServerOption[] = "--server";
 constexpr milliseconds kPollInterval{2};
+// After so long without an event nothing more is due to come of a message.
+constexpr milliseconds kQuietTime{300};
 
 LogStream::Matcher LogMatcher(const LogPattern& pattern) {
     const std::regex expression(pattern.matching());
@@ -64,6 +66,7 @@ StepPlayer::StepPlayer(const Phone& description, double factor, Simulation* simu
     : phone(description), time_factor(factor), simulation(simulated), events(event_stream) {}
 
 void StepPlayer::Start() {
+    for (const ResponsePolicy& policy : phone.answer()) SetResponse(policy);
     if (!phone.no_server()) StartService();
 }
 
@@ -72,11 +75,21 @@ void StepPlayer::Play(const Step& step, bool is_end_awaited) {
     end_awaited = is_end_awaited;
     CheckService();
     PlayAction(step);
+    sends = step.has_send() || step.has_send_bytes() || step.has_send_hex();
+}
+
+void StepPlayer::AwaitQuiet(Milliseconds time) {
+    WaitUntil(within, [this, time] { return events->QuietTime() >= time; });
 }
 
 void StepPlayer::Finish() {
     end_awaited = false;
+    // What comes of a message is shown although no step awaits it.
+    if (sends) AwaitQuiet(kQuietTime);
     CheckService();
+    for (const std::string& fault : simulation->faults().WithoutHit()) {
+        throw StepFailure("the fault has hit nothing: " + fault);
+    }
     // Afterwards all that it wrote is in the log.
     service.reset();
     service_expected = false;
@@ -96,6 +109,7 @@ void StepPlayer::PlayAction(const Step& step) {
 
     if (step.has_send()) return Send(step.send().SerializeAsString());
     if (step.has_send_bytes()) return Send(step.send_bytes());
+    if (step.has_send_hex()) return Send(BytesFromHex(step.send_hex()).value_or(""));
     if (step.has_expect()) return ExpectMessage(step.expect(), step.any_token(), "");
     if (step.has_expect_nothing()) return ExpectNoMessage(step.expect_nothing());
     if (step.has_push()) return PushFile(step.push());
@@ -124,7 +138,7 @@ void StepPlayer::PlayAction(const Step& step) {
         return folder.SetProperty(step.set_property().name(), step.set_property().value());
     }
     if (step.has_write_file()) return simulation->WriteFile(step.write_file());
-    if (step.has_remove_file()) return folder.Remove(step.remove_file());
+    if (step.has_remove_file()) return simulation->Remove(step.remove_file());
     if (step.has_fault()) return InjectFault(step.fault());
     if (step.has_clear_faults()) return simulation->faults().Clear();
 
@@ -288,7 +302,7 @@ void StepPlayer::AwaitThermalWrites(const ThermalWrites& expected) {
 void StepPlayer::InjectFault(const Fault& fault) {
     simulation->faults().Add({fault.call(), fault.path(), ErrorFromName(fault.error()).value_or(0),
                               static_cast<int>(fault.length()), static_cast<int>(fault.times()),
-                              static_cast<int>(fault.skip())});
+                              static_cast<int>(fault.skip()), fault.optional()});
 }
 
 void StepPlayer::ExpectRadioRequest(const RadioRequest& expected) {
@@ -365,6 +379,7 @@ std::optional<size_t> StepPlayer::FindLog(const LogPattern& pattern, Millisecond
 void StepPlayer::CheckService() {
     ThrowIfInterrupted();
     simulation->radio().Look();
+    simulation->faults().Look();
     if (!service_expected || end_awaited || service->IsRunning()) return;
     throw StepFailure("velmar ended unexpectedly: " +
                       ChildProcess::DescribeEnd(service->wait_status()));

@@ -36,7 +36,11 @@ class StepPlayer {
     // Plays one step. An end of the service is a failure unless `is_end_awaited`.
     void Play(const Step& step, bool is_end_awaited);
 
-    // Ends the service and looks for reports of sanitizers. After the last step.
+    // Waits until nothing has happened for so long, at most the time of the step played last.
+    void AwaitQuiet(std::chrono::milliseconds time);
+
+    // Ends the service and looks for reports of sanitizers and for faults that hit nothing. After
+    // the last step.
     void Finish();
 
   private:
@@ -83,6 +87,7 @@ class StepPlayer {
     bool end_awaited = false;
     // Of the step being played.
     Milliseconds within{0};
+    bool sends = false;
     // Log lines before this one are done with.
     size_t log_position = 0;
 };

@@ -1,6 +1,6 @@
 #include "sim/tool/transcript.h"
 
-#include <unistd.h>
+#include <string.h>
 
 #include <iostream>
 
@@ -8,6 +8,7 @@
 
 #include "sim/tool/log_stream.h"
 #include "sim/tool/message_text.h"
+#include "sim/tool/simulated_radio.h"
 
 namespace velmar_sim {
 
@@ -22,9 +23,20 @@ constexpr char kGreen[] = "\033[32m";
 constexpr char kCyan[] = "\033[36m";
 constexpr char kReset[] = "\033[0m";
 
-}  // namespace
+RadioCall CallFrom(const Event& event) {
+    RadioCall call;
+    call.ParseFromString(event.text);
+    return call;
+}
 
-Transcript::Transcript() : on_terminal(isatty(STDOUT_FILENO) == 1) {}
+std::string DescribeFault(const Event& event) {
+    const auto error = static_cast<int>(event.number);
+    const std::string outcome = error == 0 ? "length " + std::to_string(event.total)
+                                           : std::string(strerrorname_np(error));
+    return "fault  " + event.tag + " " + event.text + ": " + outcome;
+}
+
+}  // namespace
 
 void Transcript::Write(const Event& event) {
     const bool shows_repetition =
@@ -39,9 +51,9 @@ void Transcript::Write(const Event& event) {
         case Event::Kind::kHeading:
             return Print(event, kBold, event.text);
         case Event::Kind::kSent:
-            return Print(event, kCyan, "modem -> velmar  " + DescribeMessage(event.text));
+            return Print(event, kCyan, "modem -> velmar  " + DescribeMessage(event.text, whole));
         case Event::Kind::kReceived:
-            return Print(event, kGreen, "velmar -> modem  " + DescribeMessage(event.text));
+            return Print(event, kGreen, "velmar -> modem  " + DescribeMessage(event.text, whole));
         case Event::Kind::kState:
             return Print(event, kPlain, "modem state " + std::to_string(event.number) + event.text);
         case Event::Kind::kOpened:
@@ -51,7 +63,9 @@ void Transcript::Write(const Event& event) {
         case Event::Kind::kLog:
             return Print(event, kFaint, "log  " + DescribeLogLine(event));
         case Event::Kind::kRadio:
-            return Print(event, kGreen, "velmar -> radio  " + event.text);
+            return Print(event, kGreen, DescribeRadioCall(CallFrom(event)));
+        case Event::Kind::kFault:
+            return Print(event, kPlain, DescribeFault(event));
         case Event::Kind::kProgress:
             return ShowProgress(event);
         case Event::Kind::kRepetitionBegin:
@@ -77,10 +91,10 @@ void Transcript::ShowProgress(const Event& event) {
 }
 
 void Transcript::Print(const Event& event, const char* colour, const std::string& text) const {
-    const double seconds = std::chrono::duration<double>(event.time - boot).count();
+    const double seconds = std::chrono::duration<double>(event.since_boot).count();
     // A heading stands without a time.
     const std::string line = (colour == kBold ? "--- " : StringPrintf("%9.3f  ", seconds)) + text;
-    std::cout << (on_terminal ? colour + line + kReset : line) << std::endl;
+    std::cout << (colours ? colour + line + kReset : line) << std::endl;
 }
 
 }  // namespace velmar_sim

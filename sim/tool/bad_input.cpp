@@ -1,0 +1,20 @@
+#include "sim/tool/bad_input.h"
+
+#include <errno.h>
+#include <unistd.h>
+
+#include <system_error>
+
+#include "android-base/file.h"
+
+namespace velmar_sim {
+
+std::string ReadInput(const std::string& path) {
+    std::string text;
+    const bool is_read = path == "-" ? android::base::ReadFdToString(STDIN_FILENO, &text)
+                                     : android::base::ReadFileToString(path, &text, true);
+    if (is_read) return text;
+    throw BadInput(path + ": cannot be read: " + std::generic_category().message(errno));
+}
+
+}  // namespace velmar_sim

@@ -1,0 +1,83 @@
+#include "sim/tool/session.h"
+
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <iostream>
+
+#include "sim/modem/temporary_folder.h"
+#include "sim/tool/bad_input.h"
+#include "sim/tool/transcript.h"
+
+namespace velmar_sim {
+
+namespace {
+
+bool UsesColours(const std::string& color) {
+    if (color != "auto") return color == "always";
+    const char* refused = secure_getenv("NO_COLOR");
+    return isatty(STDOUT_FILENO) == 1 && (refused == nullptr || *refused == '\0');
+}
+
+// Makes the phone's folder, once the writers know of the session.
+PhoneFolder Begin(const std::string& title, const SessionOptions& options,
+                  const SessionWriters& writers, EventStream* events) {
+    for (const auto& writer : writers.all()) events->Attach(writer.get());
+    events->Emit({Event::Kind::kHeading, title});
+    if (options.keep.empty()) return PhoneFolder();
+    PhoneFolder folder(options.keep == kKeepAnywhere ? MakeFolder("kept") : options.keep);
+    std::cout << "folder " << folder.root() << std::endl;
+    return folder;
+}
+
+}  // namespace
+
+void AddSessionOptions(CLI::App* command, SessionOptions* options) {
+    options->velmar = std::filesystem::read_symlink("/proc/self/exe").parent_path() / "velmar";
+    command->add_option("--velmar", options->velmar, "The service's executable")
+            ->capture_default_str();
+    command->add_flag("--keep", options->keep,
+                      "Keep the phone's folder, and name it; --keep=DIR: keep it there");
+    command->add_flag("--quiet", options->quiet, "Show the verdicts only");
+    command->add_flag("--full", options->full,
+                      "Show messages whole, as a scenario's send step takes them");
+    command->add_option("--color", options->color, "Colours; auto: on a terminal without NO_COLOR")
+            ->check(CLI::IsMember({"auto", "always", "never"}))
+            ->capture_default_str();
+    command->add_option("--time-factor", options->time_factor,
+                        "What has to come may take so many times as long as its step says")
+            ->envname("VELMAR_SIM_TIME_FACTOR")
+            ->check(CLI::Range(0.01, 1000.0))
+            ->capture_default_str();
+}
+
+void CheckSessionOptions(const SessionOptions& options) {
+    if (access(options.velmar.c_str(), X_OK) != 0) {
+        throw BadInput("--velmar: expected an executable, found " + options.velmar);
+    }
+    if (IsKeptAt(options) && std::filesystem::exists(options.keep) &&
+        !std::filesystem::is_empty(options.keep)) {
+        throw BadInput("--keep: expected a folder that is empty or missing, found " + options.keep);
+    }
+    try {
+        const TemporaryFolder tried;
+    } catch (const std::runtime_error& error) {
+        throw BadInput(std::string("TMPDIR: expected a folder that can be written: ") +
+                       error.what());
+    }
+}
+
+SessionWriters::SessionWriters(const SessionOptions& options) {
+    if (!options.quiet) {
+        writers.push_back(std::make_unique<Transcript>(UsesColours(options.color), options.full));
+    }
+}
+
+Session::Session(const std::string& title, const Phone& phone, const SessionOptions& options,
+                 const SessionWriters& writers)
+    : simulated(phone, options.velmar, Begin(title, options, writers, &event_stream),
+                &event_stream),
+      step_player(phone, options.time_factor, &simulated, &event_stream) {}
+
+}  // namespace velmar_sim
