@@ -11,6 +11,7 @@
 
 #include "android-base/scopeguard.h"
 #include "android-base/stringprintf.h"
+#include "android-base/strings.h"
 
 #include "sim/tool/differences.h"
 #include "sim/tool/interruption.h"
@@ -87,8 +88,9 @@ void StepPlayer::Finish() {
     // What comes of a message is shown although no step awaits it.
     if (sends) AwaitQuiet(kQuietTime);
     CheckService();
-    for (const std::string& fault : simulation->faults().WithoutHit()) {
-        throw StepFailure("the fault has hit nothing: " + fault);
+    const std::vector<std::string> idle = simulation->faults().WithoutHit();
+    if (!idle.empty()) {
+        throw StepFailure("faults have hit nothing: " + android::base::Join(idle, ", "));
     }
     // Afterwards all that it wrote is in the log.
     service.reset();
