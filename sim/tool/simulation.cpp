@@ -24,6 +24,21 @@ constexpr char kProgramName[] = "velmar";
 // Where a build keeps its libraries, seen from its programs.
 constexpr char kLibraries[] = "../lib";
 
+// The folder of the radio's client library: that of the service's own build, or else of this
+// program's. Throws std::runtime_error when neither has it.
+std::string LibraryFolder(const std::string& variant, const std::string& executable) {
+    std::string tried;
+    for (const std::filesystem::path& program :
+         {std::filesystem::absolute(executable), std::filesystem::read_symlink("/proc/self/exe")}) {
+        const auto folder =
+                program.parent_path() / kLibraries / velmar_radio::kLibraryFolder / variant;
+        if (std::filesystem::exists(folder)) return folder;
+        tried += (tried.empty() ? "" : " and ") + folder.string();
+    }
+    throw std::runtime_error("the radio's client library was not found, tried " + tried +
+                             "; a phone with no_radio_library goes without");
+}
+
 // The variable that leads the service to the radio's client library, if the phone has one.
 std::vector<std::string> LibraryPath(const Phone& description, const std::string& executable) {
     if (description.no_radio_library()) return {};
@@ -31,8 +46,7 @@ std::vector<std::string> LibraryPath(const Phone& description, const std::string
             description.has_missing_entry_point()
                     ? velmar_radio::kVariantWithout + description.missing_entry_point()
                     : velmar_radio::kFullVariant;
-    const auto programs = std::filesystem::absolute(executable).parent_path();
-    const std::string folder = programs / kLibraries / velmar_radio::kLibraryFolder / variant;
+    const std::string folder = LibraryFolder(variant, executable);
     // The environment does not change.
     const char* inherited = getenv("LD_LIBRARY_PATH");  // NOLINT(concurrency-mt-unsafe)
     return {"LD_LIBRARY_PATH=" + folder +
