@@ -12,6 +12,7 @@
 #include "sim/tool/interruption.h"
 #include "sim/tool/run_command.h"
 #include "sim/tool/session.h"
+#include "sim/tool/version.h"
 
 namespace {
 
@@ -26,8 +27,9 @@ void OpenStandardDescriptors() {
 }
 
 int ExecuteCommandLine(int argc, char** argv) {
-    CLI::App app("Runs the velmar service in a simulated phone and plays its modem.");
+    CLI::App app("Runs the velmar service in a simulated phone and plays its modem.", "velmar_sim");
     app.require_subcommand(1);
+    app.set_version_flag("--version", velmar_sim::kVersionText, "Print the version and exit");
     int status = velmar_sim::kBadInput;
     velmar_sim::AddRunCommand(&app, &status);
     const auto is_named = [argv](const CLI::App* command) {
