@@ -35,8 +35,8 @@ PhoneFolder Begin(const std::string& title, const SessionOptions& options,
 
 void AddSessionOptions(CLI::App* command, SessionOptions* options) {
     options->velmar = std::filesystem::read_symlink("/proc/self/exe").parent_path() / "velmar";
-    command->add_option("--velmar", options->velmar, "The service's executable")
-            ->capture_default_str();
+    command->add_option("--velmar", options->velmar,
+                        "The service's executable; \"velmar\" beside velmar_sim unless given");
     command->add_flag("--keep", options->keep,
                       "Keep the phone's folder, and name it; --keep=DIR: keep it there");
     command->add_flag("--quiet", options->quiet, "Show the verdicts only");
