@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Installs the Debian 12 packages that the project needs and the machine lacks.
-# Usage: scripts/setup.sh [build|all]
+# Usage: scripts/setup.sh [build|package|all]
 #   build  what building, the demo and the tests need (the default)
+#   package
+#          also what the manual page and a package of Debian need
 #   all    also what the checks of continuous integration need. Adds the architecture arm64 to this
 #          machine's packages: the tests run on the phone's processor too, in an emulator.
 # Touches apt only when a package is missing; then it needs root or sudo.
@@ -15,10 +17,13 @@ packages=(
     libgmock-dev libgtest-dev
     strace
 )
+for_package=(help2man)
 case "${1:-build}" in
     build) ;;
+    package) packages+=("${for_package[@]}") ;;
     all)
         packages+=(
+            "${for_package[@]}"
             clang clang-format clang-tidy git libclang-rt-14-dev llvm libc++-dev libc++abi-dev
             blueprint-tools checkpolicy m4 selinux-utils shellcheck
             g++-aarch64-linux-gnu qemu-user-static
@@ -26,7 +31,7 @@ case "${1:-build}" in
         )
         ;;
     *)
-        echo "setup.sh: unknown argument '$1': expected 'build' or 'all'" >&2
+        echo "setup.sh: unknown argument '$1': expected 'build', 'package' or 'all'" >&2
         exit 2
         ;;
 esac
