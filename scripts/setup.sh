@@ -17,7 +17,7 @@ packages=(
     libgmock-dev libgtest-dev
     strace
 )
-for_package=(help2man)
+for_package=(dpkg-dev file help2man)
 case "${1:-build}" in
     build) ;;
     package) packages+=("${for_package[@]}") ;;
