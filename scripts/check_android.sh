@@ -6,6 +6,8 @@
 # never hold.
 # Usage: scripts/check_android.sh
 set -euo pipefail
+[[ ${1:-} != @(-h|--help) ]] || exec sed -n '2,/^[^#]/s/^# \{0,1\}//p' "$0"
+[ $# -eq 0 ] || { echo "check_android.sh: unexpected arguments '$*': expected none" >&2; exit 2; }
 shopt -s globstar
 cd "$(dirname "$0")/.."
 

@@ -5,6 +5,8 @@
 # libraries are built for another C++ library.
 # Usage: scripts/check_portability.sh
 set -euo pipefail
+[[ ${1:-} != @(-h|--help) ]] || exec sed -n '2,/^[^#]/s/^# \{0,1\}//p' "$0"
+[ $# -eq 0 ] || { echo "check_portability.sh: unexpected arguments '$*': expected none" >&2; exit 2; }
 cd "$(dirname "$0")/.."
 
 # What the phone has at API level 32. Look a name up there before you add it.

@@ -5,6 +5,7 @@
 # New inputs that reach new code stay in build/fuzz/corpus/TARGET for the next run. An input that
 # brings something to light is kept in build/fuzz/findings/TARGET, and the exit status is 1.
 set -euo pipefail
+[[ ${1:-} != @(-h|--help) ]] || exec sed -n '2,/^[^#]/s/^# \{0,1\}//p' "$0"
 cd "$(dirname "$0")/.."
 
 targets=(received_message file_service diagnostic_config gnss_coex_config)

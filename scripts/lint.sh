@@ -2,6 +2,7 @@
 # Checks the scripts, checks the format of every C++ file and runs clang-tidy on every source.
 # Usage: scripts/lint.sh BUILD_DIR    (a build by clang, already built)
 set -euo pipefail
+[[ ${1:-} != @(-h|--help) ]] || exec sed -n '2,/^[^#]/s/^# \{0,1\}//p' "$0"
 cd "$(dirname "$0")/.."
 
 if [ $# -ne 1 ] || [ ! -f "$1/compile_commands.json" ]; then

@@ -8,6 +8,7 @@
 #          machine's packages: the tests run on the phone's processor too, in an emulator.
 # Touches apt only when a package is missing; then it needs root or sudo.
 set -euo pipefail
+[[ ${1:-} != @(-h|--help) ]] || exec sed -n '2,/^[^#]/s/^# \{0,1\}//p' "$0"
 
 packages=(
     cmake g++ ninja-build
@@ -18,7 +19,7 @@ packages=(
     strace
 )
 for_package=(dpkg-dev file help2man)
-case "${1:-build}" in
+case "${*:-build}" in
     build) ;;
     package) packages+=("${for_package[@]}") ;;
     all)
@@ -31,7 +32,7 @@ case "${1:-build}" in
         )
         ;;
     *)
-        echo "setup.sh: unknown argument '$1': expected 'build', 'package' or 'all'" >&2
+        echo "setup.sh: unexpected arguments '$*': expected 'build', 'package' or 'all'" >&2
         exit 2
         ;;
 esac

@@ -5,6 +5,7 @@
 #          portability, and runs the tests again on the phone's processor (in an emulator) and under
 #          sanitizers
 set -euo pipefail
+[[ ${1:-} != @(-h|--help) ]] || exec sed -n '2,/^[^#]/s/^# \{0,1\}//p' "$0"
 cd "$(dirname "$0")/.."
 
 if [ $# -gt 1 ] || { [ $# -eq 1 ] && [ "$1" != --all ]; }; then
