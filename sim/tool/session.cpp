@@ -33,10 +33,19 @@ PhoneFolder Begin(const std::string& title, const SessionOptions& options,
 
 }  // namespace
 
-void AddSessionOptions(CLI::App* command, SessionOptions* options) {
+void AddServiceOptions(CLI::App* command, SessionOptions* options) {
     options->velmar = std::filesystem::read_symlink("/proc/self/exe").parent_path() / "velmar";
     command->add_option("--velmar", options->velmar,
                         "The service's executable; \"velmar\" beside velmar_sim unless given");
+    command->add_option("--time-factor", options->time_factor,
+                        "What has to come may take so many times as long as its step says")
+            ->envname("VELMAR_SIM_TIME_FACTOR")
+            ->check(CLI::Range(0.01, 1000.0))
+            ->capture_default_str();
+}
+
+void AddSessionOptions(CLI::App* command, SessionOptions* options) {
+    AddServiceOptions(command, options);
     command->add_flag("--keep", options->keep,
                       "Keep the phone's folder, and name it; --keep=DIR: keep it there");
     command->add_flag("--quiet", options->quiet, "Show the verdicts only");
@@ -44,11 +53,6 @@ void AddSessionOptions(CLI::App* command, SessionOptions* options) {
                       "Show messages whole, as a scenario's send step takes them");
     command->add_option("--color", options->color, "Colours; auto: on a terminal without NO_COLOR")
             ->check(CLI::IsMember({"auto", "always", "never"}))
-            ->capture_default_str();
-    command->add_option("--time-factor", options->time_factor,
-                        "What has to come may take so many times as long as its step says")
-            ->envname("VELMAR_SIM_TIME_FACTOR")
-            ->check(CLI::Range(0.01, 1000.0))
             ->capture_default_str();
 }
 

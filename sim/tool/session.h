@@ -38,7 +38,10 @@ inline bool IsKeptAt(const SessionOptions& options) {
     return !options.keep.empty() && options.keep != kKeepAnywhere;
 }
 
-// Adds the options to a command. `options` is borrowed.
+// Adds the options about the service to a command. `options` is borrowed.
+void AddServiceOptions(CLI::App* command, SessionOptions* options);
+
+// Adds all options to a command. `options` is borrowed.
 void AddSessionOptions(CLI::App* command, SessionOptions* options);
 
 // Throws BadInput when no phone can be made, or no service started, with these options.
