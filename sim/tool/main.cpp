@@ -10,6 +10,7 @@
 
 #include "sim/tool/bad_input.h"
 #include "sim/tool/interruption.h"
+#include "sim/tool/preview_command.h"
 #include "sim/tool/run_command.h"
 #include "sim/tool/session.h"
 #include "sim/tool/version.h"
@@ -32,6 +33,7 @@ int ExecuteCommandLine(int argc, char** argv) {
     app.set_version_flag("--version", velmar_sim::kVersionText, "Print the version and exit");
     int status = velmar_sim::kBadInput;
     velmar_sim::AddRunCommand(&app, &status);
+    velmar_sim::AddPreviewCommand(&app, &status);
     const auto is_named = [argv](const CLI::App* command) {
         return command->get_name() == argv[1];
     };
