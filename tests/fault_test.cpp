@@ -1,7 +1,8 @@
 // The whole service in a phone where everything fails in turn: it has to live on, and must never
-// call a file complete that is not.
+// call a file complete that is not. So it does under signals at any moment.
 
 #include <errno.h>
+#include <signal.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -37,8 +38,9 @@ constexpr char kTarget[] = "/data/vendor/radio/mds/f";
 // Both directories of a transfer, and what is in them.
 constexpr char kTransferPaths[] = "/data/vendor/radio/m*/*";
 
-constexpr int kOnline = 4;
 constexpr int kTransferSize = 30000;
+
+constexpr char kPropertyRequest[] = "property_message { read_request {} }";
 
 // A number of the environment.
 double Variable(const char* name, double otherwise) {
@@ -123,7 +125,7 @@ class FaultTest : public testing::Test {
         EXPECT_EQ(Transfer("SSS"), "SSS") << "the next transfer from 0";
     }
 
-    // Whether a request is responded to; passes over what else the service sends.
+    // Whether a request is responded to; counts the requests that the service sends before that.
     bool IsServed(const std::string& payload) {
         constexpr unsigned int kToken = 1000000;
         auto request = FromText<VelmarMessage>("type: REQUEST " + payload);
@@ -131,6 +133,7 @@ class FaultTest : public testing::Test {
         modem.Send(request);
         while (const auto received = modem.Receive(Scaled(10000))) {
             if (received->message.token() == kToken) return true;
+            ++requests;
         }
         return false;
     }
@@ -140,6 +143,7 @@ class FaultTest : public testing::Test {
     velmar_sim::SimulatedModem& modem = phone.modem();
     std::unique_ptr<ChildProcess> service;
     int content_seed = 0;
+    int requests = 0;
 };
 
 // Kinds of faults that hit the first matching call of a transfer, then the second, and so on.
@@ -148,11 +152,10 @@ struct Sweep {
     const char* call;
     const char* path;
     std::vector<FaultRule> faults;
-    // Where not empty, a read of this path fails first, with this error, which leads to the calls.
-    const char* first_path;
-    int first_error;
     // What becomes of the transfer for each call that is hit.
     const char* outcomes;
+    // Where there is one, it hits first, which leads to the calls.
+    FaultRule first = {};
 };
 
 // Above 0 an error; else so many bytes at most, negated.
@@ -163,13 +166,13 @@ std::vector<FaultRule> Faults(Number... numbers) {
 
 class TransferFaultTest : public FaultTest, public testing::WithParamInterface<Sweep> {
   protected:
+    static bool IsLedTo() { return !GetParam().first.call.empty(); }
+
     // Whether a transfer has as many calls as the fault skips, and one more.
     bool IsHit(const FaultRule& fault, const std::string& expected) {
         phone.folder().WriteFile(kTempFile, "left by an earlier transfer");
         phone.folder().WriteFile(kTarget, "earlier");
-        if (*GetParam().first_path != '\0') {
-            phone.faults().Add({"read", GetParam().first_path, GetParam().first_error});
-        }
+        if (IsLedTo()) phone.faults().Add(GetParam().first);
         phone.faults().Add(fault);
         const std::string outcome = Transfer(expected);
         EXPECT_TRUE(modem.WaitForChannel(Scaled(10000)));
@@ -193,50 +196,47 @@ TEST_P(TransferFaultTest, HitsEachCallInTurn) {
             if (HasFailure()) return;
             ++fault.skip;
         }
-        const bool is_led_to = *GetParam().first_path != '\0';
-        EXPECT_TRUE(is_led_to || !IsHit(fault, "no such call")) << "more calls than expected";
+        EXPECT_TRUE(IsLedTo() || !IsHit(fault, "no such call")) << "more calls than expected";
     }
 }
 
-constexpr char kNone[] = "";
+// NOLINTBEGIN(cert-err58-cpp): without memory for them there is nothing to test.
+const FaultRule kNoCopyInTheKernel = {"read", kTempFile, EINVAL};
 
-// NOLINTNEXTLINE(cert-err58-cpp): without memory for it there is nothing to test.
 const Sweep kSweeps[] = {
         {"Open", "open", kTransferPaths,
-         Faults(EACCES, EROFS, EMFILE, ENFILE, ENOSPC, ENOMEM, EINTR), kNone, 0,
-         "F SF SSF SSF SSF"},
+         Faults(EACCES, EROFS, EMFILE, ENFILE, ENOSPC, ENOMEM, EINTR), "F SF SSF SSF SSF"},
         // The last two are the copy into the target, whose byte count is not looked at: the second
         // would only have found the end of the file.
-        {"Write", "write", kTransferPaths, Faults(ENOSPC, EDQUOT, EIO, EROFS, EFBIG), kNone, 0,
+        {"Write", "write", kTransferPaths, Faults(ENOSPC, EDQUOT, EIO, EROFS, EFBIG),
          "F SF SSF SSStorn SSS"},
-        {"InterruptedOrShortWrite", "write", kTransferPaths, Faults(EINTR, -7), kNone, 0,
+        {"InterruptedOrShortWrite", "write", kTransferPaths, Faults(EINTR, -7),
          "SSS SSS SSS SSS SSS"},
-        {"Read", "read", kTransferPaths, Faults(EIO), kNone, 0, "SSStorn SSS"},
+        {"Read", "read", kTransferPaths, Faults(EIO), "SSStorn SSS"},
         {"InterruptedReadOrNoCopyInTheKernel", "read", kTransferPaths,
-         Faults(EINTR, EINVAL, ENOSYS), kNone, 0, "SSS SSS"},
-        {"WriteWithoutCopyInTheKernel", "write", kTarget, Faults(ENOSPC, EIO), kTempFile, EINVAL,
-         "SSStorn"},
-        {"ReadWithoutCopyInTheKernel", "read", kTransferPaths, Faults(EIO), kTempFile, EINVAL,
-         "SSStorn SSS"},
-        {"ShortReadWithoutCopyInTheKernel", "read", kTransferPaths, Faults(-7), kTempFile, EINVAL,
-         "SSS SSS"},
+         Faults(EINTR, EINVAL, ENOSYS), "SSS SSS"},
+        {"WriteWithoutCopyInTheKernel", "write", kTarget, Faults(ENOSPC, EIO), "SSStorn",
+         kNoCopyInTheKernel},
+        {"ReadWithoutCopyInTheKernel", "read", kTransferPaths, Faults(EIO), "SSStorn SSS",
+         kNoCopyInTheKernel},
+        {"ShortReadWithoutCopyInTheKernel", "read", kTransferPaths, Faults(-7), "SSS SSS",
+         kNoCopyInTheKernel},
         // The position of a chunk whose temporary file seems to be missing is not looked at.
-        {"Stat", "stat", kTransferPaths, Faults(EACCES, ENOENT, EIO), kNone, 0,
+        {"Stat", "stat", kTransferPaths, Faults(EACCES, ENOENT, EIO),
          "F F SF SSS SF SSF SSS SSF SSF"},
         // What an earlier transfer left cannot be deleted: the new one does not fit behind it.
-        {"Unlink", "unlink", kTransferPaths, Faults(EACCES, EROFS, EPERM), kNone, 0,
-         "SO SSS SSSkept"},
-        {"Chmod", "chmod", kTransferPaths, Faults(EPERM, EROFS), kNone, 0, "SSS SSS SSS SSS SSS"},
-        {"Close", "close", kTransferPaths, Faults(EIO, ENOSPC, EINTR), kNone, 0,
-         "SSS SSS SSS SSS SSS"},
+        {"Unlink", "unlink", kTransferPaths, Faults(EACCES, EROFS, EPERM), "SO SSS SSSkept"},
+        {"Chmod", "chmod", kTransferPaths, Faults(EPERM, EROFS), "SSS SSS SSS SSS SSS"},
+        {"Close", "close", kTransferPaths, Faults(EIO, ENOSPC, EINTR), "SSS SSS SSS SSS SSS"},
         // A message that could not be read waits in the channel until that is open again.
-        {"ChannelRead", "read", kChannel, Faults(EIO, ENODEV, ENXIO, EINTR, EAGAIN, 0), kNone, 0,
+        {"ChannelRead", "read", kChannel, Faults(EIO, ENODEV, ENXIO, EINTR, EAGAIN, 0),
          "SSS SSS SSS"},
-        {"ChannelWrite", "write", kChannel, Faults(EIO, ENODEV, ENXIO), kNone, 0, "- S- SS-"},
-        {"ChannelInterruptedOrShortWrite", "write", kChannel, Faults(EINTR, EAGAIN, -5), kNone, 0,
+        {"ChannelWrite", "write", kChannel, Faults(EIO, ENODEV, ENXIO), "- S- SS-"},
+        {"ChannelInterruptedOrShortWrite", "write", kChannel, Faults(EINTR, EAGAIN, -5),
          "SSS SSS SSS"},
-        {"ChannelClose", "close", kChannel, Faults(EIO), kChannel, EIO, "SSS"},
+        {"ChannelClose", "close", kChannel, Faults(EIO), "SSS", {"read", kChannel, EIO}},
 };
+// NOLINTEND(cert-err58-cpp)
 
 INSTANTIATE_TEST_SUITE_P(Of, TransferFaultTest, testing::ValuesIn(kSweeps),
                          [](const auto& test) { return std::string(test.param.what); });
@@ -273,7 +273,7 @@ class FileFaultTest : public FaultTest, public testing::WithParamInterface<FileF
         phone.folder().WriteFile(kExtendedLog, std::string(1048577, 'x'));
         service->Kill();
         log_position = phone.log().Last(SIZE_MAX).size();
-        modem.SetState(kOnline);
+        modem.SetState(4);
         Start();
         // From here on no request of the service opens the channel beside its reader.
         FindLog("Configuring GNSS coex");
@@ -355,11 +355,40 @@ TEST_P(KillTest, LeavesNoPartialFileThatWasCalledComplete) {
         }
         Start();
         // A chunk that was not read waits in the channel.
-        EXPECT_TRUE(IsServed("property_message { read_request {} }"));
+        EXPECT_TRUE(IsServed(kPropertyRequest));
     }
     std::cout << "seed " << seed << ": " << stored << " kills after the last response\n";
 }
 
 INSTANTIATE_TEST_SUITE_P(Of, KillTest, testing::Range(0, 8));
+
+using SignalTest = FaultTest;
+
+TEST_F(SignalTest, RequestsSetOffAtRandomEachGetTheirResponse) {
+    constexpr int kSignals = 120;
+    // NOLINTNEXTLINE(cert-msc32-c,cert-msc51-cpp): a failure can be seen again.
+    std::minstd_rand engine(1);
+    const auto random = [&](int least, int most) {
+        return std::uniform_int_distribution<int>(least, most)(engine);
+    };
+    for (int i = 0; i < kSignals; ++i) {
+        modem.SetResponsePolicy(FromText<velmar_sim::ResponsePolicy>(
+                "delay_ms: " + std::to_string(random(20, 70))));
+        service->Signal(random(0, 1) == 0 ? SIGUSR1 : SIGUSR2);
+        std::this_thread::sleep_for(milliseconds(random(0, 60)));
+        EXPECT_TRUE(i % 10 != 0 || IsServed(kPropertyRequest));
+    }
+    // The last two may still wait: one at the modem, one of each kind to be taken.
+    std::this_thread::sleep_for(milliseconds(500));
+    EXPECT_TRUE(IsServed(kPropertyRequest));
+    EXPECT_GE(requests, kSignals / 4);
+    int responses = 0;
+    const auto count = [&](const LogLine& line) {
+        responses += android::base::EndsWith(line.text, " response successful") ? 1 : 0;
+        return false;
+    };
+    EXPECT_FALSE(phone.log().Find(0, count, milliseconds(0)));
+    EXPECT_EQ(responses, requests);
+}
 
 }  // namespace
