@@ -5,7 +5,6 @@
 #include <sys/time.h>
 
 #include <chrono>
-#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -20,18 +19,18 @@ using std::chrono::milliseconds;
 using testing::HasSubstr;
 using testing::SizeIs;
 using velmar_sim::PhoneFolder;
-using velmar_sim::TemporaryFolder;
 
 namespace {
 
 constexpr milliseconds kSoon{10000};
 constexpr milliseconds kAtOnce{0};
 
-// The service's side of a device, without a service.
+// The service's side of the channel, without a service.
 class Opener {
   public:
-    Opener(const PhoneFolder& folder, const std::string& path)
-        : state(folder.MapState()), fd(velmar_sim::ConnectTo(folder.HostPath(path))) {
+    explicit Opener(const PhoneFolder& folder)
+        : state(folder.MapState()),
+          fd(velmar_sim::ConnectTo(folder.HostPath(velmar_phone::kChannelDevice))) {
         const timeval limit = {10, 0};
         setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
     }
@@ -55,9 +54,7 @@ class Opener {
 
 class ModemTest : public testing::Test {
   protected:
-    std::unique_ptr<Opener> OpenChannel() {
-        return std::make_unique<Opener>(folder, velmar_phone::kChannelDevice);
-    }
+    std::unique_ptr<Opener> OpenChannel() { return std::make_unique<Opener>(folder); }
     bool IsOpen() { return modem.WaitForChannel(kAtOnce); }
 
     const PhoneFolder folder;
@@ -123,12 +120,10 @@ TEST_F(ModemTest, MessagesOfEverySizeKeepTheirBorders) {
 TEST(FaultInjector, FillsTheFreeSlots) {
     const PhoneFolder folder;
     velmar_sim::FaultInjector injector(folder);
-    const auto state = folder.MapState();
     velmar_sim::FaultRule rule = {"read", "/dev/oem_ipc1", EIO, 0, 3, 1};
     for (int i = 0; i < velmar_phone::kMaxFaults; ++i) injector.Add(rule);
-    EXPECT_EQ(state->fault_count, velmar_phone::kMaxFaults);
     EXPECT_THROW(injector.Add(rule), std::runtime_error);
-    state->faults[2].remaining = 0;
+    folder.MapState()->faults[2].remaining = 0;
     injector.Add(rule);
     EXPECT_EQ(injector.Left(), 3 * velmar_phone::kMaxFaults);
     injector.Clear();
@@ -137,93 +132,30 @@ TEST(FaultInjector, FillsTheFreeSlots) {
     EXPECT_THROW(injector.Add(rule), std::runtime_error);
 }
 
-TEST(PhoneFolder, HasLongNamesAndModesWhateverTheUmask) {
-    const TemporaryFolder above;
+TEST(PhoneFolder, FillsInWhatIsAskedForAndRefusesTheRest) {
     const mode_t before = umask(0777);
-    const PhoneFolder folder(above.path() + "/" + std::string(150, 'n'));
+    const PhoneFolder folder;
     folder.WriteFile("/data/new/file", "text", 0640);
     umask(before);
     EXPECT_EQ(folder.Mode("/data/vendor/radio/modem_temp_file"), 0770);
     EXPECT_EQ(folder.Mode("/data/new/file"), 0640);
     EXPECT_THROW(folder.ReadFile("/data/../../escape"), std::runtime_error);
-    folder.SetProperty("ro.long", std::string(92, 'v'));
-    EXPECT_THAT(folder.GetProperty("ro.long").value_or(""), SizeIs(92));
     EXPECT_THROW(folder.SetProperty("long", std::string(92, 'v')), std::runtime_error);
-    // The address of a device's socket has room for less than the path.
-    const velmar_sim::SimulatedModem modem(folder);
-    const Opener opener(folder, velmar_phone::kBootDevice);
 }
 
-class PushTest : public testing::Test {
-  protected:
-    static velmar_sim::Push Generated(uint32_t size, uint32_t chunk_size, uint64_t seed = 0) {
-        velmar_sim::Push push;
-        push.mutable_generated()->set_size(size);
-        push.mutable_generated()->set_seed(seed);
-        push.set_file_dir(velmar_message::FILE_DIRECTORY_MDS);
-        push.set_file_name("f");
-        push.set_chunk_size(chunk_size);
-        return push;
-    }
-
-    // The bytes of all chunks, which are indications.
-    std::string ContentOf(velmar_sim::Push push) {
-        push.set_as(velmar_sim::Push::INDICATION);
-        velmar_sim::FilePush file(push, folder);
-        std::string bytes;
-        while (file.Next()) {
-            bytes += file.message().file_message().file_write_indication().data();
-        }
-        return bytes;
-    }
-
-    const PhoneFolder folder;
-};
-
-TEST_F(PushTest, IsRefusedBeforehand) {
-    const velmar_sim::Push good = Generated(5, 2);
-    EXPECT_EQ(velmar_sim::PushError(good), "");
-    const struct {
-        std::function<void(velmar_sim::Push*)> change;
-        const char* error;
-    } cases[] = {
-            {[](auto* push) { push->set_file_dir(velmar_message::FILE_DIRECTORY_RESERVED); },
-             "expected a file_dir of FILE_DIRECTORY_MDS or FILE_DIRECTORY_REPLAY"},
-            {[](auto* push) { push->set_file_name("a/../b"); },
-             "expected a file_name without \"..\", found \"a/../b\""},
-            {[](auto* push) { push->mutable_generated()->set_size(0); },
-             "expected a file of 1 to 4294967295 bytes, found 0"},
-            {[](auto* push) { push->set_source("/none"); },
-             "/none cannot be read: No such file or directory"},
-            {[](auto* push) { push->set_chunk_size(0); },
-             "expected a chunk_size of 1 to 65568, found 0"},
-            {[](auto* push) { *push = Generated(65540, 65540); },
-             "expected messages of at most 65568 bytes, with a chunk_size of 65540 one has 65569"},
-    };
-    for (const auto& [change, error] : cases) {
-        velmar_sim::Push push = good;
-        change(&push);
-        EXPECT_EQ(velmar_sim::PushError(push), error);
-    }
-}
-
-TEST_F(PushTest, ContentDependsOnSizeAndSeedOnly) {
-    const std::string content = ContentOf(Generated(1000, 60000));
-    EXPECT_THAT(content, SizeIs(1000));
-    EXPECT_EQ(ContentOf(Generated(1000, 1)), content);
-    EXPECT_EQ(ContentOf(Generated(1000, 7)), content);
-    EXPECT_NE(ContentOf(Generated(1000, 60000, 1)), content);
-}
-
-TEST_F(PushTest, TheStoredFileIsComparedInEveryRespect) {
+TEST(FilePush, ComparesTheStoredFileInEveryRespect) {
     const std::string target = "/data/vendor/radio/mds/f";
     const std::string unfinished = "/data/vendor/radio/modem_temp_file/f";
+    const PhoneFolder folder;
     folder.WriteFile(target, "old");
-    velmar_sim::Push push = Generated(100000, 60000);
+    velmar_sim::Push push;
+    push.mutable_generated()->set_size(100000);
+    push.set_file_dir(velmar_message::FILE_DIRECTORY_MDS);
+    push.set_file_name("f");
     push.set_as(velmar_sim::Push::INDICATION);
-    const std::string content = ContentOf(push);
     velmar_sim::FilePush file(push, folder);
-    while (file.Next()) continue;
+    std::string content;
+    while (file.Next()) content += file.message().file_message().file_write_indication().data();
 
     folder.WriteFile(unfinished, "");
     EXPECT_EQ(file.StoredDifference(), unfinished + " exists, expected none");
