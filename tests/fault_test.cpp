@@ -4,7 +4,6 @@
 #include <errno.h>
 #include <signal.h>
 #include <stdint.h>
-#include <stdlib.h>
 #include <sys/wait.h>
 
 #include <algorithm>
@@ -17,11 +16,11 @@
 #include <vector>
 
 #include <android-base/strings.h>
-#include <google/protobuf/text_format.h>
 #include <gtest/gtest.h>
 
 #include "sim/tool/file_push.h"
 #include "sim/tool/simulation.h"
+#include "simulation_test.h"
 
 namespace {
 
@@ -42,23 +41,9 @@ constexpr int kTransferSize = 30000;
 
 constexpr char kPropertyRequest[] = "property_message { read_request {} }";
 
-// A number of the environment.
-double Variable(const char* name, double otherwise) {
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): the environment does not change.
-    const char* text = getenv(name);
-    return text != nullptr ? strtod(text, nullptr) : otherwise;
-}
-
 // Waits are lengthened as the simulator's own are.
 milliseconds Scaled(int ms) {
     return milliseconds(static_cast<int>(ms * Variable("VELMAR_SIM_TIME_FACTOR", 1)));
-}
-
-template <typename Proto>
-Proto FromText(const std::string& text) {
-    Proto message;
-    EXPECT_TRUE(google::protobuf::TextFormat::ParseFromString(text, &message)) << text;
-    return message;
 }
 
 velmar_sim::Push NewPush(int size, int chunk_size, int seed) {

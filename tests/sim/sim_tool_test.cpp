@@ -252,33 +252,29 @@ TEST_F(ToolTest, BadUsageIsRefused) {
     }
 }
 
-TEST_F(ToolTest, ADifferingMessageIsShownFieldByField) {
-    Run("phone { modem_state: 4 property { name: 'ro.a' value: 'b' } }\n"
-        "step { send { type: REQUEST token: 7 property_message { read_request { name: 'ro.a' } } } "
-        "}\nstep { expect { type: RESPONSE message_id: 7 token: 7 result: SUCCESS\n"
-        "  property_message { read_response { value: 'c' } } } }\n",
-        kAsVelmar);
-    EXPECT_EQ(ExitStatus(), 1);
-    EXPECT_THAT(Output(), HasSubstr("s:3: the message differs"));
-    EXPECT_THAT(Output(), HasSubstr("property_message.read_response.value: \"c\" -> \"b\""));
-    EXPECT_THAT(Output(), HasSubstr("modem -> velmar  REQUEST token=7 (14 bytes) "
-                                    "property_message.read_request { name: \"ro.a\" }"));
-}
-
-TEST_F(ToolTest, APushIsSummedUpAndFailsByItsChunk) {
+TEST_F(ToolTest, MessagesAndPushesAreShownAndDifferencesNamed) {
+    const std::string phone = "phone { modem_state: 4 property { name: 'ro.a' value: 'b' } }\n";
     const std::string push =
             "step { push { generated { size: 1000 } file_dir: FILE_DIRECTORY_MDS file_name: 'f' "
             "chunk_size: 10 } }\n";
-    Run("phone { modem_state: 4 }\n" + push + "step { remove_file: '/data/vendor/radio' }\n" + push,
+    Run(phone + push +
+                "step { send { type: REQUEST token: 7 property_message { read_request { name: "
+                "'ro.a' } } } }\nstep { expect { type: RESPONSE message_id: 7 token: 7 result: "
+                "SUCCESS property_message { read_response { value: 'c' } } } }\n",
         kAsVelmar);
     EXPECT_EQ(ExitStatus(), 1);
-    const std::string output = Output();
-    for (const char* part : {"offset: 0 ", " 10 % of 0.0 MiB", " 90 % of ", " lines like these\n",
-                             "pushed and compared 1000 bytes in 100 chunks to /data",
-                             "s:4: chunk 1 of 100 at offset 0: the message differs"}) {
-        EXPECT_THAT(output, HasSubstr(part));
+    for (const char* part :
+         {"offset: 0 ", " 10 % of 0.0 MiB", " 90 % of ", " lines like these\n",
+          "pushed and compared 1000 bytes in 100 chunks to /data",
+          "modem -> velmar  REQUEST token=7 (14 bytes) property_message.read_request { name: "
+          "\"ro.a\" }",
+          "s:4: the message differs", "property_message.read_response.value: \"c\" -> \"b\""}) {
+        EXPECT_THAT(Output(), HasSubstr(part));
     }
-    EXPECT_THAT(output, Not(HasSubstr("offset: 500 ")));
+    EXPECT_THAT(Output(), Not(HasSubstr("offset: 500 ")));
+
+    Run(phone + "step { remove_file: '/data/vendor/radio/modem_temp_file' }\n" + push, kAsVelmar);
+    EXPECT_THAT(Output(), HasSubstr("s:3: chunk 1 of 100 at offset 0: the message differs"));
 }
 
 TEST_F(ToolTest, QuietRunsShowVerdictsAndKeptFoldersStay) {

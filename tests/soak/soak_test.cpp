@@ -5,7 +5,6 @@
 //   VELMAR_SOAK_SEED     the same seed picks the same traffic; 1 by default
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <atomic>
 #include <functional>
@@ -21,11 +20,11 @@
 #include <utility>
 
 #include "android-base/stringprintf.h"
-#include "google/protobuf/text_format.h"
 
 #include "sim/tool/file_push.h"
 #include "sim/tool/process_figures.h"
 #include "sim/tool/simulation.h"
+#include "tests/simulation_test.h"
 
 namespace {
 
@@ -87,21 +86,8 @@ constexpr std::pair<const char*, int> kKinds[] = {
         {"type: INDICATION userspace_log_message { indication { text: '#' } }", kNoResponse},
 };
 
-int Variable(const char* name, int otherwise) {
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): the environment does not change.
-    const char* text = getenv(name);
-    return text != nullptr ? static_cast<int>(strtol(text, nullptr, 10)) : otherwise;
-}
-
 void Require(bool holds, const std::string& what) {
     if (!holds) throw std::runtime_error(what);
-}
-
-template <typename Message>
-Message FromText(const std::string& text) {
-    Message message;
-    Require(google::protobuf::TextFormat::ParseFromString(text, &message), text);
-    return message;
 }
 
 // Waits until `holds`; `what` says what has not come otherwise.
@@ -274,7 +260,7 @@ class SoakTest : public testing::Test {
 };
 
 TEST_F(SoakTest, LeavesMemoryDescriptorsAndThreadsAsTheyWere) {
-    const std::chrono::seconds duration(Variable("VELMAR_SOAK_SECONDS", 60));
+    const std::chrono::seconds duration(static_cast<int>(Variable("VELMAR_SOAK_SECONDS", 60)));
     const auto begin = Clock::now();
     auto event_due = begin;
     ProcessFigures first;
