@@ -23,7 +23,6 @@ using velmar_sim::PhoneFolder;
 namespace {
 
 constexpr milliseconds kSoon{10000};
-constexpr milliseconds kAtOnce{0};
 
 // The service's side of the channel, without a service.
 class Opener {
@@ -55,7 +54,7 @@ class Opener {
 class ModemTest : public testing::Test {
   protected:
     std::unique_ptr<Opener> OpenChannel() { return std::make_unique<Opener>(folder); }
-    bool IsOpen() { return modem.WaitForChannel(kAtOnce); }
+    bool IsOpen() { return modem.WaitForChannel(milliseconds(0)); }
 
     const PhoneFolder folder;
     velmar_sim::SimulatedModem modem{folder};

@@ -35,15 +35,13 @@ using velmar_sim::TemporaryFolder;
 
 namespace {
 
-constexpr milliseconds kSoon{10000};
-
 // Options of a run: the service is the shell, or the real one.
 constexpr char kAsShell[] = "--velmar /bin/sh --time-factor 1";
 constexpr char kAsVelmar[] = "--velmar " VELMAR_PATH " --time-factor 4";
 
 // Whether `holds` comes true soon.
 bool Await(const std::function<bool()>& holds) {
-    const auto limit = velmar_sim::Clock::now() + kSoon;
+    const auto limit = velmar_sim::Clock::now() + std::chrono::seconds(10);
     while (!holds()) {
         if (velmar_sim::Clock::now() >= limit) return false;
         std::this_thread::sleep_for(milliseconds(2));

@@ -108,7 +108,7 @@ class SoakTest : public testing::Test {
     }
 
     ~SoakTest() override {
-        if (!service->IsRunning()) std::cerr << ChildProcess::DescribeEnd(service->wait_status());
+        if (!service.IsRunning()) std::cerr << ChildProcess::DescribeEnd(service.wait_status());
     }
 
     // Counts lines of the log, each of which is one write of the service.
@@ -226,7 +226,7 @@ class SoakTest : public testing::Test {
         Settle();
         ProcessFigures figures;
         const auto is_at_rest = [&] {
-            figures = velmar_sim::FiguresOf(service->id());
+            figures = velmar_sim::FiguresOf(service.id());
             return kInstrumented || figures.threads == kServiceThreads;
         };
         Await(is_at_rest, "the end of every thread but the service's own");
@@ -235,13 +235,12 @@ class SoakTest : public testing::Test {
 
     std::mt19937 random{static_cast<unsigned int>(Variable("VELMAR_SOAK_SEED", 1))};
     velmar_sim::EventStream events;
-    velmar_sim::Simulation simulation{FromText<velmar_sim::Phone>(kPhone), VELMAR_PATH,
-                                      velmar_sim::PhoneFolder(), &events};
-    std::atomic<int> changes_logged{0};
-    std::atomic<int> responses_logged{0};
-    const std::unique_ptr<ChildProcess> service = std::make_unique<ChildProcess>(
-            simulation.LaunchOf({"--server"}), nullptr,
-            [this](const std::string& written) { ReadLog(written); });
+    velmar_sim::Simulation simulation{
+            FromText<velmar_sim::Phone>(kPhone), VELMAR_PATH, {}, &events};
+    std::atomic<int> changes_logged = 0;
+    std::atomic<int> responses_logged = 0;
+    ChildProcess service{simulation.LaunchOf({"--server"}), nullptr,
+                         [this](const std::string& written) { ReadLog(written); }};
     std::unique_ptr<ChildProcess> client;
 
     // Results in the responses that have to come, by token.
