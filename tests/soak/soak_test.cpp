@@ -42,7 +42,6 @@ constexpr auto kTimeout = 20s;
 // Between client runs, restarts of the modem and losses of the channel.
 constexpr auto kEventInterval = 700ms;
 constexpr size_t kMaxAwaited = 8;
-constexpr int kMaxWord = 80;
 
 constexpr int kServiceThreads = 3;
 // What the heap may differ by between two moments at which nothing is in progress: the allocator
@@ -130,7 +129,7 @@ class SoakTest : public testing::Test {
     void SendKind(int kind) {
         std::string text = kKinds[kind].first;
         const size_t word = text.find('#');
-        if (word != std::string::npos) text.replace(word, 1, 1 + Random(kMaxWord), 'x');
+        if (word != std::string::npos) text.replace(word, 1, 1 + Random(80), 'x');
         Send(FromText<VelmarMessage>(text), kKinds[kind].second);
     }
 
