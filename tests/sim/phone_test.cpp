@@ -214,13 +214,15 @@ TEST_F(DeviceTest, EachChangeOfStateWakesOneWait) {
     }
 }
 
-TEST_F(DeviceTest, APollFaultSaysWhatItsDeviceSignals) {
+TEST_F(DeviceTest, APollFaultSaysWhatItsDeviceSignalsAlone) {
+    const unique_fd ready(eventfd(1, EFD_CLOEXEC));
     const unique_fd fd(open(kBootDevice, O_RDWR));
     for (const int events : {POLLHUP, 0}) {
         injector.Add({"poll", kBootDevice, 0, events});
-        pollfd waited = {fd, POLLIN, POLLIN};
-        EXPECT_EQ(poll(&waited, 1, -1), 1);
-        EXPECT_EQ(waited.revents, events);
+        pollfd waited[] = {{ready, POLLIN, POLLIN}, {fd, POLLIN, POLLIN}};
+        EXPECT_EQ(poll(waited, 2, -1), 1);
+        EXPECT_EQ(waited[0].revents, 0);
+        EXPECT_EQ(waited[1].revents, events);
     }
 }
 
