@@ -363,7 +363,7 @@ TEST_F(SignalTest, RequestsSetOffAtRandomEachGetTheirResponse) {
         EXPECT_TRUE(i % 10 != 0 || IsServed(kPropertyRequest));
     }
     // The last two may still wait: one at the modem, one of each kind to be taken.
-    std::this_thread::sleep_for(milliseconds(500));
+    std::this_thread::sleep_for(Scaled(500));
     EXPECT_TRUE(IsServed(kPropertyRequest));
     EXPECT_GE(requests, kSignals / 4);
     int responses = 0;
