@@ -19,7 +19,7 @@ page=share/man/man1/velmar_sim.1
 
 ! grep -rlF -e "$2" -e "$3" -e "$work" . >&2 ||
     fail "the files above name a folder of the build, or where they were installed first"
-env -i "$tool" run --quiet share/velmar/scenarios/{tour,gnss_entry_point_missing}.textproto
+env -i "$tool" run --quiet share/velmar/scenarios/{tour,signals}.textproto
 (cd share/velmar && find . -name '*.proto' -exec protoc -o /dev/null {} +)
 
 . share/bash-completion/completions/velmar_sim
