@@ -19,7 +19,10 @@ page=share/man/man1/velmar_sim.1
 
 ! grep -rlF -e "$2" -e "$3" -e "$work" . >&2 ||
     fail "the files above name a folder of the build, or where they were installed first"
-env -i "$tool" run --quiet share/velmar/scenarios/{tour,signals}.textproto
+env -i "$tool" run --quiet share/velmar/scenarios/tour.textproto - <<'END'
+phone { modem_state: 4 missing_entry_point: "RILC_Reconnect" }
+step { log { tag: "libsitril-client" matching: ".*RILC_Reconnect.*" } }
+END
 (cd share/velmar && find . -name '*.proto' -exec protoc -o /dev/null {} +)
 
 . share/bash-completion/completions/velmar_sim
