@@ -117,6 +117,8 @@ std::string FindMissing(const Message& message) {
 
 // What is wrong with a message beside the texts in its fields; empty when nothing is.
 std::string MessageError(const Message& message) {
+    const auto* scenario = DynamicCastToGenerated<Scenario>(&message);
+    if (scenario != nullptr && scenario->step_size() == 0) return "expected a step";
     if (const auto* step = DynamicCastToGenerated<Step>(&message)) {
         if (step->action_case() == Step::ACTION_NOT_SET) {
             return "expected an action such as send, expect or log";
@@ -138,21 +140,21 @@ std::string MessageError(const Message& message) {
     return "";
 }
 
-// Collects errors as lines "FILE:LINE: text".
+// Collects errors as lines "FILE:LINE: text", or of a text that is one line "LINE:COLUMN: text".
 class ErrorList : public google::protobuf::io::ErrorCollector {
   public:
-    explicit ErrorList(std::string file) : path(std::move(file)) {}
+    // `path` is the file's, or the line's number.
+    ErrorList(std::string path, bool is_line) : origin(std::move(path)), one_line(is_line) {}
 
-    // The parser counts from 0.
     void AddError(int line, int column, const std::string& message) override {
         // Later complaints of the parser are about what the first one made of the text.
-        if (list.empty()) Add(std::to_string(line + 1) + ":" + std::to_string(column + 1), message);
+        if (list.empty()) Add({line, column}, true, message);
     }
 
     // Adds what is wrong with a message, which is called `name`, and with all that is in it.
-    void CheckMessage(const Message& message, const std::string& name, int line,
-                      const TextFormat::ParseInfoTree& tree) {
-        Check(line, name, MessageError(message));
+    void CheckMessage(const Message& message, const std::string& name,
+                      TextFormat::ParseLocation location, const TextFormat::ParseInfoTree& tree) {
+        Check(location, name, MessageError(message));
         const auto* reflection = message.GetReflection();
         std::vector<const FieldDescriptor*> fields;
         reflection->ListFields(message, &fields);
@@ -172,29 +174,35 @@ class ErrorList : public google::protobuf::io::ErrorCollector {
         const auto* reflection = message.GetReflection();
         const bool is_repeated = field.is_repeated();
         const int place = is_repeated ? index : -1;
-        const int line = tree.GetLocation(&field, place).line + 1;
+        const auto location = tree.GetLocation(&field, place);
         if (field.cpp_type() == FieldDescriptor::CPPTYPE_MESSAGE) {
             CheckMessage(is_repeated ? reflection->GetRepeatedMessage(message, &field, index)
                                      : reflection->GetMessage(message, &field),
-                         field.name(), line, *tree.GetTreeForNested(&field, place));
+                         field.name(), location, *tree.GetTreeForNested(&field, place));
         } else if (const TextRule* rule = FindTextRule(field)) {
             const std::string text = is_repeated
                                              ? reflection->GetRepeatedString(message, &field, index)
                                              : reflection->GetString(message, &field);
             if (rule->is_met(text)) return;
-            Check(line, field.name(), "expected " + rule->what + ", found \"" + text + "\"");
+            Check(location, field.name(), "expected " + rule->what + ", found \"" + text + "\"");
         }
     }
 
-    void Check(int line, const std::string& subject, const std::string& error) {
-        if (!error.empty()) Add(std::to_string(line), subject + ": " + error);
+    void Check(TextFormat::ParseLocation location, const std::string& subject,
+               const std::string& error) {
+        if (!error.empty()) Add(location, one_line, subject + ": " + error);
     }
 
-    void Add(const std::string& place, const std::string& message) {
-        list += (list.empty() ? "" : "\n") + path + ":" + place + ": " + message;
+    // The parser counts from 0.
+    void Add(TextFormat::ParseLocation location, bool with_column, const std::string& message) {
+        list += (list.empty() ? "" : "\n") + origin;
+        if (!one_line) list += ":" + std::to_string(location.line + 1);
+        if (with_column) list += ":" + std::to_string(location.column + 1);
+        list += ": " + message;
     }
 
-    const std::string path;
+    const std::string origin;
+    const bool one_line;
     std::string list;
 };
 
@@ -204,38 +212,63 @@ void ResolveSource(const std::filesystem::path& folder, WithSource* origin) {
     if (origin->has_source()) origin->set_source(folder / origin->source());
 }
 
+void ResolveSources(const std::filesystem::path& folder, Phone* phone) {
+    for (File& file : *phone->mutable_file()) ResolveSource(folder, &file);
+}
+
+void ResolveSources(const std::filesystem::path& folder, Step* step) {
+    if (step->has_push()) ResolveSource(folder, step->mutable_push());
+    if (step->has_write_file()) ResolveSource(folder, step->mutable_write_file());
+}
+
+void ResolveSources(const std::filesystem::path& folder, Scenario* scenario) {
+    if (scenario->has_phone()) ResolveSources(folder, scenario->mutable_phone());
+    for (Step& step : *scenario->mutable_step()) ResolveSources(folder, &step);
+}
+
+// Parses a message called `name`, and checks it.
+template <typename Parsed>
+Parsed Parse(const std::string& path, const std::string& text, const std::string& name,
+             TextFormat::ParseInfoTree* tree, bool is_line = false) {
+    Parsed parsed;
+    ErrorList errors(path, is_line);
+    TextFormat::Parser parser;
+    parser.RecordErrorsTo(&errors);
+    parser.WriteLocationsTo(tree);
+    // What is missing is looked for below, where the line is known.
+    parser.AllowPartialMessage(true);
+    parser.ParseFromString(text, &parsed);
+    errors.ThrowIfAny();
+    ResolveSources(std::filesystem::path(path).parent_path(), &parsed);
+    errors.CheckMessage(parsed, name, {0, 0}, *tree);
+    errors.ThrowIfAny();
+    return parsed;
+}
+
 }  // namespace
 
 ScenarioFile ParseScenario(const std::string& path, const std::string& text) {
-    ScenarioFile file;
-    file.path = path;
-    ErrorList errors(path);
     TextFormat::ParseInfoTree tree;
-    TextFormat::Parser parser;
-    parser.RecordErrorsTo(&errors);
-    parser.WriteLocationsTo(&tree);
-    // What is missing is looked for below, where the line is known.
-    parser.AllowPartialMessage(true);
-    parser.ParseFromString(text, &file.scenario);
-    errors.ThrowIfAny();
-
-    const std::filesystem::path folder = std::filesystem::path(path).parent_path();
-    for (File& held : *file.scenario.mutable_phone()->mutable_file()) ResolveSource(folder, &held);
+    ScenarioFile file = {path, Parse<Scenario>(path, text, "scenario", &tree), {}};
     const auto* steps = Scenario::descriptor()->FindFieldByName("step");
     for (int i = 0; i < file.scenario.step_size(); ++i) {
         file.step_lines.push_back(tree.GetLocation(steps, i).line + 1);
-        Step* step = file.scenario.mutable_step(i);
-        if (step->has_push()) ResolveSource(folder, step->mutable_push());
-        if (step->has_write_file()) ResolveSource(folder, step->mutable_write_file());
     }
-    if (file.step_lines.empty()) throw BadScenario(path + ":1: scenario: expected a step");
-    errors.CheckMessage(file.scenario, "scenario", 1, tree);
-    errors.ThrowIfAny();
     return file;
 }
 
 ScenarioFile ReadScenario(const std::string& path) {
     return ParseScenario(path, ReadInput(path));
+}
+
+Phone ParsePhone(const std::string& path, const std::string& text) {
+    TextFormat::ParseInfoTree tree;
+    return Parse<Phone>(path, text, "phone", &tree);
+}
+
+Step ParseStep(size_t line, const std::string& text) {
+    TextFormat::ParseInfoTree tree;
+    return Parse<Step>(std::to_string(line), text, "step", &tree, true);
 }
 
 }  // namespace velmar_sim

@@ -17,8 +17,8 @@ struct ScenarioFile {
     std::vector<int> step_lines;
 };
 
-// A scenario that cannot be played. The text has a line "FILE:LINE: what was expected" for each
-// error.
+// A scenario, or a part of one, that cannot be played. The text has a line "FILE:LINE: what was
+// expected" for each error.
 class BadScenario : public BadInput {
   public:
     using BadInput::BadInput;
@@ -29,5 +29,12 @@ ScenarioFile ParseScenario(const std::string& path, const std::string& text);
 
 // The same from the file `path`.
 ScenarioFile ReadScenario(const std::string& path);
+
+// Reads a phone in text form, with the same checks.
+Phone ParsePhone(const std::string& path, const std::string& text);
+
+// Reads what stands inside of a step. `text` is the line with this number, and errors are named
+// "LINE:COLUMN: what was expected". Paths of files lead from the working folder.
+Step ParseStep(size_t line, const std::string& text);
 
 }  // namespace velmar_sim

@@ -62,6 +62,15 @@ void RequireNone(const std::string& difference) {
 
 }  // namespace
 
+UnexpectedEnd::UnexpectedEnd(int wait_status)
+    : StepFailure("velmar ended unexpectedly: " + ChildProcess::DescribeEnd(wait_status)) {
+    if (WIFSIGNALED(wait_status)) {
+        exit.set_signal(SignalName(WTERMSIG(wait_status)));
+    } else {
+        exit.set_status(WEXITSTATUS(wait_status));
+    }
+}
+
 StepPlayer::StepPlayer(const Phone& description, double factor, Simulation* simulated,
                        EventStream* event_stream)
     : phone(description), time_factor(factor), simulation(simulated), events(event_stream) {}
@@ -79,8 +88,15 @@ void StepPlayer::Play(const Step& step, bool is_end_awaited) {
     sends = step.has_send() || step.has_send_bytes() || step.has_send_hex();
 }
 
+void StepPlayer::Look() {
+    end_awaited = false;
+    CheckService();
+}
+
 void StepPlayer::AwaitQuiet(Milliseconds time) {
-    WaitUntil(within, [this, time] { return events->QuietTime() >= time; });
+    const auto scaled = Scaled(static_cast<uint32_t>(time.count()));
+    const auto limit = Scaled(Step::default_instance().within_ms());
+    WaitUntil(limit, [this, scaled] { return events->QuietTime() >= scaled; });
 }
 
 void StepPlayer::Finish() {
@@ -247,9 +263,9 @@ void StepPlayer::RunClient(const Client& client) {
 
 void StepPlayer::AwaitExit(const Exit& exit) {
     if (service == nullptr) throw StepFailure("the phone runs no service");
-    service_expected = false;
     AwaitEnd("velmar", service.get(),
              exit.has_signal() ? exit.signal() : DescribeExit(exit.status()));
+    service_expected = false;
 }
 
 void StepPlayer::AwaitEnd(const std::string& name, ChildProcess* program,
@@ -383,8 +399,8 @@ void StepPlayer::CheckService() {
     simulation->radio().Look();
     simulation->faults().Look();
     if (!service_expected || end_awaited || service->IsRunning()) return;
-    throw StepFailure("velmar ended unexpectedly: " +
-                      ChildProcess::DescribeEnd(service->wait_status()));
+    service_expected = false;
+    throw UnexpectedEnd(service->wait_status());
 }
 
 }  // namespace velmar_sim

@@ -21,6 +21,19 @@ class StepFailure : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+// The service has ended, and no step awaited that.
+class UnexpectedEnd : public StepFailure {
+  public:
+    // `wait_status` is what wait gives.
+    explicit UnexpectedEnd(int wait_status);
+
+    // What a step says that awaits this end.
+    const Exit& end() const { return exit; }
+
+  private:
+    Exit exit;
+};
+
 // Plays steps on one phone, one after the other; the service ends with the player. Operations
 // belong to the main thread; they throw StepFailure, and std::runtime_error when the simulator
 // itself could not do something.
@@ -36,7 +49,11 @@ class StepPlayer {
     // Plays one step. An end of the service is a failure unless `is_end_awaited`.
     void Play(const Step& step, bool is_end_awaited);
 
-    // Waits until nothing has happened for so long, at most the time of the step played last.
+    // Shows what has happened between two steps. Throws UnexpectedEnd, once for each end.
+    void Look();
+
+    // Waits until nothing has happened for so long times the factor, at most as long as a step may
+    // take that does not say.
     void AwaitQuiet(std::chrono::milliseconds time);
 
     // Ends the service and looks for reports of sanitizers and for faults that hit nothing. After
