@@ -14,7 +14,7 @@ packages=(
     cmake g++ ninja-build
     protobuf-compiler libprotobuf-dev
     android-liblog-dev android-libbase-dev
-    libcli11-dev
+    libcli11-dev libedit-dev
     libgmock-dev libgtest-dev
     strace
 )
@@ -28,7 +28,7 @@ case "${*:-build}" in
             clang clang-format clang-tidy git libclang-rt-14-dev llvm libc++-dev libc++abi-dev
             blueprint-tools checkpolicy m4 selinux-utils shellcheck
             g++-aarch64-linux-gnu qemu-user-static
-            {libprotobuf,android-liblog,android-libbase,libgmock,libgtest}-dev:arm64
+            {libprotobuf,android-liblog,android-libbase,libedit,libgmock,libgtest}-dev:arm64
         )
         ;;
     *)

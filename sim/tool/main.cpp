@@ -13,6 +13,7 @@
 #include "sim/tool/preview_command.h"
 #include "sim/tool/run_command.h"
 #include "sim/tool/session.h"
+#include "sim/tool/shell_command.h"
 #include "sim/tool/version.h"
 
 namespace {
@@ -34,6 +35,7 @@ int ExecuteCommandLine(int argc, char** argv) {
     int status = velmar_sim::kBadInput;
     velmar_sim::AddRunCommand(&app, &status);
     velmar_sim::AddPreviewCommand(&app, &status);
+    velmar_sim::AddShellCommand(&app, &status);
     const auto is_named = [argv](const CLI::App* command) {
         return command->get_name() == argv[1];
     };
