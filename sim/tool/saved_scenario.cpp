@@ -14,7 +14,7 @@ using std::chrono::milliseconds;
 using velmar_message::VelmarMessage;
 
 constexpr size_t kMaxLine = 100;
-// What takes less is done before the next step is.
+// What goes on for a shorter time needs no pause.
 constexpr milliseconds kAtOnce{1};
 
 // The next run may be slower.
@@ -108,8 +108,7 @@ std::string SavedScenario::Text(const std::string& folder) const {
     Scenario begin;
     begin.set_description("A session of velmar_sim shell");
     std::string text = begin.DebugString();
-    if (undecoded > 0)
-        text += "# The service sent bytes that are no message and fit no expect step.\n";
+    if (undecoded > 0) text += "# The service sent bytes that fit no expect step: no message.\n";
     begin.Clear();
     *begin.mutable_phone() = booted;
     for (File& file : *begin.mutable_phone()->mutable_file()) LeadFrom(folder, &file);

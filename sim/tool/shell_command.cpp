@@ -180,10 +180,11 @@ class Shell {
     }
 
     void Save(const std::string& path) {
-        session.player().AwaitQuiet(kQuietTime);
+        if (path.empty()) throw BadInput("save: expected the name of a file");
+        Try([this] { session.player().AwaitQuiet(kQuietTime); });
         const std::string folder = std::filesystem::absolute(path).parent_path();
         if (!android::base::WriteStringToFile(saved.Text(folder), path)) {
-            throw BadInput("save: \"" + path + "\" cannot be written: " + strerrordesc_np(errno));
+            throw BadInput("save: " + path + ": cannot be written: " + strerrordesc_np(errno));
         }
     }
 
