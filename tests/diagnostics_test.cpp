@@ -4,13 +4,13 @@
 #include <fstream>
 #include <string>
 #include <thread>
-#include <vector>
+#include <tuple>
+#include <utility>
 
 #include "phone_test_case.h"
 #include "service/debug_stat_config.h"
 
 using android::base::StringPrintf;
-using testing::MatchesRegex;
 
 namespace {
 
@@ -32,29 +32,20 @@ std::string Entries(std::string text) {
 }
 
 TEST(DebugStatConfigTest, EntriesAreReadToTheLetter) {
-    struct Case {
-        std::string text;
-        const char* entries;
-    };
-    const Case cases[] = {
-            {"", ""},
-            {"\r\n|\n||", ""},
+    const std::pair<std::string, const char*> cases[] = {
             {"modemA:v=1,t=2|modemB:v=0\nmodemC", "modemA 1 2; modemB 0 0; modemC -1 0; "},
             {"|\r\na||b\r\n\r\nc|", "a -1 0; b -1 0; c -1 0; "},
             {":::", "none; "},
             {"::a::v=1::t=2", "a 1 0; "},
-            {"a:v=1:t=2", "a 1 0; "},
             {"a: v=1", "a -1 0; "},
-            {"a:v= 1,t=+3", "a 1 3; "},
-            {"a:v=8z", "a 8 0; "},
+            {"a:v= 1,t=+3z", "a 1 3; "},
             {"a:vv=3", "a -1 0; "},
             {"a:v=,t=", "a -1 0; "},
-            {"a:,,v=1,,t=2,", "a 1 2; "},
-            {"a:t=3,t=4,v=7,x=9", "a 7 4; "},
+            {"a:,,t=3,t=4,v=7,x=9,", "a 7 4; "},
             {"a:v=-5,t=-1", "a -5 -1; "},
-            {std::string("a:v=1\0|b", 8), "a 1 0; "},
+            {{"a:v=1\0|b", 8}, "a 1 0; "},
     };
-    for (const Case& row : cases) EXPECT_EQ(Entries(row.text), row.entries) << row.text;
+    for (const auto& [text, entries] : cases) EXPECT_EQ(Entries(text), entries) << text;
 }
 
 class IndicationTest : public ServiceTestCase {
@@ -73,43 +64,34 @@ TEST_F(IndicationTest, DumpPiecesGoWhereTheirOffsetsSay) {
               "I Got modemstat report indication; E Failed to open modemstat dump file");
     EXPECT_FALSE(folder.ReadFile(kDump));
     umask(077);
-    struct Case {
-        const char* offset;
-        const char* content;
-    };
-    const Case cases[] = {
+    EXPECT_EQ(IndicateDump("data: 'first'"), kStatusSuccess);
+    EXPECT_EQ(folder.Mode(kDump), 0664);
+    const std::pair<std::string, const char*> cases[] = {
             {"", "new"},
             {"offset: 0", "newer"},
             {"offset: 1", "oldernew"},
             {"offset: 4294967295", "oldernew"},
     };
-    for (const Case& row : cases) {
-        folder.WriteFile(kDump, "older", 0600);
-        EXPECT_EQ(IndicateDump(row.offset + std::string(" data: 'new'")), kStatusSuccess);
-        EXPECT_EQ(folder.ReadFile(kDump), row.content) << row.offset;
-        EXPECT_EQ(folder.Mode(kDump), 0664);
+    for (const auto& [offset, content] : cases) {
+        folder.WriteFile(kDump, "older");
+        EXPECT_EQ(IndicateDump(offset + " data: 'new'"), kStatusSuccess);
+        EXPECT_EQ(folder.ReadFile(kDump), content) << offset;
     }
-    folder.Remove(kDump);
-    EXPECT_EQ(IndicateDump("data: ''"), kStatusSuccess);
-    EXPECT_EQ(folder.Mode(kDump), 0664);
 }
 
 TEST_F(IndicationTest, ExtendedLogsGrowUntilTheyAreRotated) {
     const std::string path = kExtendedLogs + std::string("extended_log_m.txt");
     const std::string stamp = "[0-1][0-9]-[0-3][0-9] [0-2][0-9]:[0-5][0-9]:[0-6][0-9]\\.[0-9]{3}\n";
-    struct Case {
-        size_t size;
-        size_t kept;
-    };
-    for (const Case& row : {Case{0, 0}, Case{1048576, 1048576}, Case{1048577, 0}}) {
-        folder.WriteFile(path, std::string(row.size, 'x'), 0600);
+    for (size_t size : {0, 1048576, 1048577}) {
+        const size_t kept = size > 1048576 ? 0 : size;
+        folder.WriteFile(path, std::string(size, 'x'), 0600);
         folder.WriteFile(path + ".old", "older");
-        EXPECT_EQ(IndicateLog("name: 'm' data: 'abc\\n'"), kStatusSuccess);
-        std::string content = folder.ReadFile(path).value();
-        EXPECT_EQ(content.find("abc\n"), row.kept);
-        EXPECT_THAT(content.substr(row.kept), MatchesRegex("abc\n" + stamp));
-        EXPECT_EQ(folder.ReadFile(path + ".old").value().size(),
-                  row.size > row.kept ? row.size : 5);
+        EXPECT_EQ(IndicateLog("name: 'm' data: 'a\\000c\\n'"), kStatusSuccess);
+        const std::string content = folder.ReadFile(path).value();
+        EXPECT_EQ(content.substr(0, kept), std::string(kept, 'x'));
+        EXPECT_EQ(content.substr(kept, 4), std::string("a\0c\n", 4));
+        EXPECT_THAT(content.substr(kept + 4), testing::MatchesRegex(stamp));
+        EXPECT_EQ(folder.ReadFile(path + ".old").value().size(), size > kept ? size : 5);
         EXPECT_EQ(folder.Mode(path), 0664);
     }
 }
@@ -123,60 +105,66 @@ TEST_F(IndicationTest, ExtendedLogNamesAreUsedAsTheyAre) {
 }
 
 TEST_F(IndicationTest, ModemLinesAreLoggedByLevel) {
-    for (const char* fields : {"", "level: 0 text: '50% done %s'", "level: 1 text: 'i'",
-                               "level: 2 text: 'd'", "level: 4294967295 text: 'd'"}) {
+    const std::pair<const char*, const char*> cases[] = {
+            {"", "E Modem: "},
+            {"level: 0 text: '50% done %s'", "E Modem: 50% done %s"},
+            {"level: 1 text: 'i'", "I Modem: i"},
+            {"level: 2 text: 'd'", "D Modem: d"},
+            {"level: 4294967295 text: 'd'", "D Modem: d"},
+    };
+    for (const auto& [fields, line] : cases) {
         EXPECT_EQ(Indicate(std::string("userspace_log_message { indication { ") + fields + " } }"),
                   kStatusSuccess);
+        EXPECT_EQ(log.TakeLines(), std::string("I Got userspace log indication; ") + line);
     }
-    EXPECT_EQ(log.TakeLines(),
-              "I Got userspace log indication; E Modem: ; "
-              "I Got userspace log indication; E Modem: 50% done %s; "
-              "I Got userspace log indication; I Modem: i; "
-              "I Got userspace log indication; D Modem: d; "
-              "I Got userspace log indication; D Modem: d");
 }
 
-using SenderTest = ServiceTestCase;
+class SenderTest : public ServiceTestCase {
+  protected:
+    SenderTest() {
+        modem.SetState(kModemStateOnline);
+        handler.request_list = list;
+    }
+
+    // What the modem responds to each request from now on; if empty, nothing.
+    void Respond(const std::string& response) {
+        EXPECT_CALL(handler, SendRequest(testing::_, 3))
+                .WillRepeatedly([this, response](SitMessage* message, unsigned int /*timeout*/) {
+                    token = message->GetToken();
+                    RequestRecord record(token);
+                    list->AddRecord(&record);
+                    if (response.empty()) return kStatusTimeout;
+                    list->UpdateResponseMessage(token, Receive(response).get());
+                    return kStatusSuccess;
+                });
+    }
+
+    RequestList* list = new RequestList();
+    unsigned int token = kNoToken;
+};
 
 TEST_F(SenderTest, StatusTellsTheOutcomeAndARecordStaysUntilItsResponse) {
-    struct Case {
-        // Empty: there is none.
-        std::string response;
-        int status_of_report;
-        int status_of_others;
-    };
-    const Case cases[] = {
+    // The response, the status of the report, and that of all others.
+    const std::tuple<std::string, int, int> cases[] = {
             {"", kStatusTimeout, kStatusTimeout},
             {"type: RESPONSE result: SUCCESS", kStatusSuccess, kStatusSuccess},
             {"type: RESPONSE result: FAILURE", kStatusSuccess, kStatusRefused},
             {"type: RESPONSE", kStatusSuccess, kStatusRefused},
     };
-    auto* list = new RequestList();
-    handler.request_list = list;
-    modem.SetState(kModemStateOnline);
-    for (const Case& row : cases) {
-        SCOPED_TRACE(row.response);
-        unsigned int token = kNoToken;
-        EXPECT_CALL(handler, SendRequest(testing::_, 3))
-                .Times(4)
-                .WillRepeatedly([&](SitMessage* message, unsigned int /*timeout_seconds*/) {
-                    token = message->GetToken();
-                    RequestRecord record(token);
-                    list->AddRecord(&record);
-                    if (row.response.empty()) return kStatusTimeout;
-                    list->UpdateResponseMessage(token, Receive(row.response).get());
-                    return kStatusSuccess;
-                });
-        EXPECT_EQ(service.SendModemStatReportRequest(), row.status_of_report);
-        EXPECT_EQ(list->IsRecordInList(token), row.response.empty());
-        EXPECT_EQ(service.SendExtendedLogRequest(), row.status_of_others);
-        EXPECT_EQ(service.SendModemStatEnableRequest("m", 1, 2), row.status_of_others);
-        EXPECT_EQ(service.SendUserspaceLogEnableRequestMessage("n"), row.status_of_others);
+    for (const auto& [response, of_report, of_others] : cases) {
+        SCOPED_TRACE(response);
+        Respond(response);
+        EXPECT_EQ(service.SendModemStatReportRequest(), of_report);
+        EXPECT_EQ(list->IsRecordInList(token), response.empty());
+        EXPECT_EQ(service.SendExtendedLogRequest(), of_others);
+        EXPECT_EQ(service.SendModemStatEnableRequest("m", 1, 2), of_others);
+        EXPECT_EQ(service.SendUserspaceLogEnableRequestMessage("n"), of_others);
     }
     EXPECT_EQ(log.Count("E Got modemstat enable response failed"), 2);
 }
 
 TEST_F(SenderTest, OfflineNothingIsSentAndNoTokenTaken) {
+    modem.SetState(0);
     EXPECT_EQ(service.SendServiceRequest(kCommandDebugStatConfig), kStatusNotFound);
     folder.WriteFile(kStatConfig, "a|b");
     unsigned int before = TokenGen::GetInstance()->GetNext();
@@ -190,20 +178,13 @@ TEST_F(SenderTest, OfflineNothingIsSentAndNoTokenTaken) {
 
 // A pipe has no size before it is read, as a file that is filled in that moment.
 TEST_F(SenderTest, ConfigThatGrowsWhileItIsReadIsCutOff) {
-    modem.SetState(kModemStateOnline);
     const std::string path = folder.HostPath(kStatConfig);
     ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
     std::thread writer([&path] { std::ofstream(path) << "ab|c"; });
-    EXPECT_CALL(handler, SendRequest(testing::_, 3))
-            .WillOnce([](SitMessage* message, unsigned int) {
-                EXPECT_EQ(
-                        message->GetVelmarMessage()->modem_stat_message().enable_request().module(),
-                        "a");
-                return kStatusTimeout;
-            });
+    Respond("");
     EXPECT_EQ(service.SendServiceRequest(kCommandDebugStatConfig), kStatusSuccess);
     writer.join();
-    EXPECT_EQ(service.SendServiceRequest(kCommandUserspaceLogEnable), kStatusSuccess);
+    EXPECT_EQ(log.Count("I Send debug stat config: a, v=-1, t=0"), 1);
 }
 
 }  // namespace
