@@ -12,6 +12,14 @@ std::string Encode(const std::string& text) {
     return message.SerializeAsString();
 }
 
+std::unique_ptr<SitMessage> NewRequest() {
+    TokenGen::Init();
+    auto message = std::make_unique<SitMessage>();
+    message->InitialHeader(velmar_message::VelmarMessage::kExtendedLogMessage,
+                           velmar_message::REQUEST);
+    return message;
+}
+
 std::unique_ptr<SitMessage> Receive(const std::string& text) {
     std::string bytes = Encode(text);
     return std::make_unique<SitMessage>(bytes.data(), static_cast<int>(bytes.size()));

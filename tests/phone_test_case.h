@@ -17,15 +17,18 @@
 #include "sim/modem/simulated_modem.h"
 #include "sim/modem/thermal_driver.h"
 
-// Runs the test's process in a phone of its own, with a modem.
-class PhoneTestCase : public testing::Test {
+// Runs the test's process in a phone of its own. It has one thread, so that it may be forked.
+class PhoneFolderTestCase : public testing::Test {
   protected:
-    PhoneTestCase() {
-        // NOLINTNEXTLINE(concurrency-mt-unsafe): the modem's thread does not look at it.
-        setenv(velmar_phone::kRootVariable, folder.root().c_str(), 1);
-    }
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): there is no other thread yet.
+    PhoneFolderTestCase() { setenv(velmar_phone::kRootVariable, folder.root().c_str(), 1); }
 
     velmar_sim::PhoneFolder folder;
+};
+
+// The same with a modem and a thermal driver, which have threads.
+class PhoneTestCase : public PhoneFolderTestCase {
+  protected:
     velmar_sim::SimulatedModem modem{folder};
     velmar_sim::ThermalDriver thermal{folder};
     velmar_sim::FaultInjector injector{folder};
@@ -35,8 +38,7 @@ class PhoneTestCase : public testing::Test {
 // A monitor without its thread, which would never end.
 class ThreadlessMonitor : public ModemStateMonitor {
   public:
-    explicit ThreadlessMonitor(VelmarMessageHandler* message_handler)
-        : ModemStateMonitor(message_handler) {}
+    explicit ThreadlessMonitor(VelmarMessageHandler* hub) : ModemStateMonitor(hub) {}
     ~ThreadlessMonitor() override { close(boot_fd); }
 
     void OpenDevice() {
@@ -48,10 +50,7 @@ class ThreadlessMonitor : public ModemStateMonitor {
 // The same with the boot device open.
 class OpenMonitor : public ThreadlessMonitor {
   public:
-    explicit OpenMonitor(VelmarMessageHandler* message_handler)
-        : ThreadlessMonitor(message_handler) {
-        OpenDevice();
-    }
+    explicit OpenMonitor(VelmarMessageHandler* hub) : ThreadlessMonitor(hub) { OpenDevice(); }
 };
 
 // A message handler with all its parts but the monitor's thread.
@@ -76,16 +75,19 @@ class MockHandler : public TestHandler {
 // The envelope of a message as text, in one line.
 std::string Text(SitMessage* message);
 
-MATCHER_P(IsMessage, text, "") {
-    *result_listener << Text(arg);
-    return Text(arg) == text;
-}
-
 // The encoding of a message given as text.
 std::string Encode(const std::string& text);
 
+// A request with the next token.
+std::unique_ptr<SitMessage> NewRequest();
+
 // A message given as text, as if it had been received.
 std::unique_ptr<SitMessage> Receive(const std::string& text);
+
+MATCHER_P(IsMessage, text, "") {
+    *result_listener << Text(arg);
+    return Text(arg) == Text(Receive(text).get());
+}
 
 // The service with a hub that must not be called but as a test expects it.
 class ServiceTestCase : public PhoneTestCase {
