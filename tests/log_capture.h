@@ -3,6 +3,7 @@
 #include <android-base/strings.h>
 #include <android/log.h>
 
+#include <algorithm>
 #include <chrono>
 #include <mutex>
 #include <string>
@@ -11,12 +12,11 @@
 #include <vector>
 
 // Collects what the process logs while it lives, each line as its priority's letter, a blank and
-// the text: "E Message not exist". One at a time.
+// the text: "E Message not exist". One at a time. Any thread.
 class LogCapture {
   public:
     LogCapture() {
-        Store(false).clear();
-        Store(true).clear();
+        for (auto& lines : buffers) lines.clear();
         __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
         __android_log_set_logger(Keep);
     }
@@ -25,54 +25,35 @@ class LogCapture {
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
-    // The lines so far, without those that TakeLines() gave. Any thread.
-    std::vector<std::string> Lines() const {
-        std::lock_guard<std::mutex> guard(Lock());
-        return Store(false);
+    // The lines of a buffer so far as one text, with "; " between. Those that follow begin anew.
+    std::string TakeLines(log_id_t buffer = LOG_ID_MAIN) {
+        std::lock_guard<std::mutex> guard(lock);
+        return android::base::Join(std::exchange(buffers[buffer], {}), "; ");
     }
 
-    // The same as one text, with "; " between. Those that follow begin anew.
-    std::string TakeLines() {
-        std::lock_guard<std::mutex> guard(Lock());
-        return android::base::Join(std::exchange(Store(false), {}), "; ");
-    }
-
-    // The lines of the radio's client library: they have its tag and a buffer of their own.
-    std::string TakeRadioLines() {
-        std::lock_guard<std::mutex> guard(Lock());
-        return android::base::Join(std::exchange(Store(true), {}), "; ");
-    }
-
-    // How many of the lines so far are `line`.
+    // How many of the lines so far, without those that TakeLines() gave, are `line`.
     int Count(const std::string& line) const {
-        int count = 0;
-        for (const std::string& logged : Lines()) count += logged == line ? 1 : 0;
-        return count;
+        std::lock_guard<std::mutex> guard(lock);
+        const auto& lines = buffers[LOG_ID_MAIN];
+        return static_cast<int>(std::count(lines.begin(), lines.end(), line));
     }
 
     // Whether `line` comes, or has come, within ten seconds.
     bool WaitFor(const std::string& line) const {
-        for (int i = 0; i < 10000; ++i) {
-            if (Count(line) > 0) return true;
+        for (int i = 0; i < 10000 && Count(line) == 0; ++i) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
-        return false;
+        return Count(line) > 0;
     }
 
   private:
-    static std::vector<std::string>& Store(bool is_radio) {
-        static std::vector<std::string> lines[2];
-        return lines[is_radio ? 1 : 0];
-    }
-    static std::mutex& Lock() {
-        static std::mutex lock;
-        return lock;
-    }
     static void Keep(const __android_logger_data* data, const char* message) {
         static const char kLetters[] = "??VDIWEF";
-        const bool is_radio =
-                data->buffer_id == LOG_ID_RADIO && std::string(data->tag) == "libsitril-client";
-        std::lock_guard<std::mutex> guard(Lock());
-        Store(is_radio).push_back(std::string(1, kLetters[data->priority & 7]) + " " + message);
+        std::lock_guard<std::mutex> guard(lock);
+        buffers[data->buffer_id].push_back(std::string(1, kLetters[data->priority & 7]) + " " +
+                                           message);
     }
+
+    inline static std::mutex lock;
+    inline static std::vector<std::string> buffers[LOG_ID_MAX];
 };

@@ -9,8 +9,8 @@
 // Every other call goes to the C library or to the simulated phone.
 class WaitingCalls {
   public:
-    WaitingCalls();
-    ~WaitingCalls();
+    WaitingCalls() { of_thread = this; }
+    ~WaitingCalls() { of_thread = nullptr; }
 
     WaitingCalls(const WaitingCalls&) = delete;
     WaitingCalls& operator=(const WaitingCalls&) = delete;
@@ -18,4 +18,6 @@ class WaitingCalls {
     MOCK_METHOD(unsigned int, Sleep, (unsigned int seconds));
     MOCK_METHOD(int, Usleep, (useconds_t microseconds));
     MOCK_METHOD(int, Poll, (pollfd * devices, nfds_t count, int timeout_ms));
+
+    static thread_local WaitingCalls* of_thread;
 };
