@@ -132,7 +132,7 @@ TEST_F(GnssCoexLoadTest, FirstFileThatCanBeReadIsUsed) {
     folder.WriteFile("/linked", "9\n");
     folder.WriteFile(kVendorFile, "8\n");
     folder.Remove(kDataFile);
-    std::filesystem::create_symlink(folder.HostPath("/linked"), folder.HostPath(kDataFile));
+    std::filesystem::create_symlink("/linked", folder.HostPath(kDataFile));
     log.TakeLines();
     EXPECT_EQ(Load(), sent + "\\010\\000" + logged);
 }
