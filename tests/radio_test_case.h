@@ -25,14 +25,16 @@ class RadioTestCase : public PhoneFolderTestCase {
     void Behave(const std::string& text) { folder.WriteFile(velmar_radio::kRadioFile, text); }
 
     // The calls of the library so far as it notes them, without time and quotation marks:
-    // "RILC_Open". Those that follow begin anew.
+    // "RILC_Open"; no responses. Those that follow begin anew.
     std::vector<std::string> TakeCalls() {
         std::istringstream lines(folder.ReadFile(velmar_radio::kCallsFile).value_or(""));
         folder.Remove(velmar_radio::kCallsFile);
         std::vector<std::string> calls;
         for (std::string line; std::getline(lines, line);) {
-            calls.push_back(android::base::StringReplace(line.substr(line.find("RILC_")), "\"", "",
-                                                         /*all=*/true));
+            const size_t name = line.find("RILC_");
+            if (name == std::string::npos) continue;
+            calls.push_back(
+                    android::base::StringReplace(line.substr(name), "\"", "", /*all=*/true));
         }
         return calls;
     }
