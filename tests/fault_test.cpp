@@ -204,8 +204,8 @@ const Sweep kSweeps[] = {
          kNoCopyInTheKernel},
         {"ReadWithoutCopyInTheKernel", "read", kTransferPaths, Faults(EIO), "SSStorn SSS",
          kNoCopyInTheKernel},
-        {"ShortReadWithoutCopyInTheKernel", "read", kTransferPaths, Faults(-7), "SSS SSS",
-         kNoCopyInTheKernel},
+        {"InterruptedOrShortReadWithoutCopyInTheKernel", "read", kTransferPaths, Faults(EINTR, -7),
+         "SSS SSS", kNoCopyInTheKernel},
         // The position of a chunk whose temporary file seems to be missing is not looked at.
         {"Stat", "stat", kTransferPaths, Faults(EACCES, ENOENT, EIO),
          "F F SF SSS SF SSF SSS SSF SSF"},

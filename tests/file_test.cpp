@@ -201,6 +201,9 @@ TEST_F(FileTest, MalformedChunksAreRefusedWithoutAResponse) {
               "I Got File write request; E Old FileWriteRequest is no longer supported; "
               "I Got File write indication; E FileWriteIndication requires a file_dir");
     EXPECT_EQ(File(kTempFile), kNone);
+    // An empty name is one, that of the directory.
+    ExpectResponse("FAILURE FILE_RESULT_BAD_OFFSET");
+    EXPECT_EQ(Request(AsRequest("file_dir: FILE_DIRECTORY_MDS file_name: ''")), kStatusNotFound);
     // An empty field of the old form is none, and in an indication it is not looked at.
     ExpectResponse(kStored);
     EXPECT_EQ(Request(AsRequest("legacy_field: '' " + chunk)), kStatusWriteFailed);
