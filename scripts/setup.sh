@@ -14,9 +14,9 @@ packages=(
     cmake g++ ninja-build
     protobuf-compiler libprotobuf-dev
     android-liblog-dev android-libbase-dev
-    libcli11-dev libedit-dev
+    libcli11-dev libedit-dev libpcap-dev
     libgmock-dev libgtest-dev
-    strace
+    strace python3
 )
 for_package=(dpkg-dev file help2man)
 case "${*:-build}" in
@@ -27,8 +27,8 @@ case "${*:-build}" in
             "${for_package[@]}"
             clang clang-format clang-tidy git libclang-rt-14-dev llvm libc++-dev libc++abi-dev
             blueprint-tools checkpolicy m4 selinux-utils shellcheck
-            g++-aarch64-linux-gnu qemu-user-static
-            {libprotobuf,android-liblog,android-libbase,libedit,libgmock,libgtest}-dev:arm64
+            g++-aarch64-linux-gnu qemu-user-static tshark
+            {libprotobuf,android-liblog,android-libbase,libedit,libgmock,libgtest,libpcap}-dev:arm64
         )
         ;;
     *)

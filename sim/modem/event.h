@@ -28,6 +28,10 @@ struct Event {
         // Between these two many events are alike; a writer for people shows few of them.
         kRepetitionBegin,
         kRepetitionEnd,
+        // For those who replay a session: a phone that boots, and a step that is neither a message
+        // nor a state; `text` is a Phone or a Step.
+        kPhone,
+        kStep,
     };
 
     Kind kind = Kind::kText;
@@ -47,6 +51,9 @@ class EventWriter {
   public:
     virtual ~EventWriter() = default;
     virtual void Write(const Event& event) = 0;
+
+    // After the last event. Throws std::runtime_error when events are lost.
+    virtual void Finish() {}
 };
 
 // Hands the events of a simulated phone, which boots when the stream is made, to its writers. Any

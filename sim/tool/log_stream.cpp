@@ -63,6 +63,12 @@ std::optional<size_t> LogStream::Find(size_t begin, const Matcher& matches,
     return at;
 }
 
+std::vector<LogLine> LogStream::From(size_t begin) const {
+    const std::lock_guard<std::mutex> guard(lock);
+    return {lines.begin() + static_cast<std::ptrdiff_t>(std::min(begin, lines.size())),
+            lines.end()};
+}
+
 std::vector<LogLine> LogStream::Last(size_t count) const {
     const std::lock_guard<std::mutex> guard(lock);
     return {lines.end() - static_cast<std::ptrdiff_t>(std::min(count, lines.size())), lines.end()};

@@ -48,6 +48,9 @@ class LogStream {
     std::optional<size_t> Find(size_t begin, const Matcher& matches,
                                std::chrono::milliseconds timeout);
 
+    // The lines from position `begin` on.
+    std::vector<LogLine> From(size_t begin) const;
+
     // The last lines, at most `count`.
     std::vector<LogLine> Last(size_t count) const;
 

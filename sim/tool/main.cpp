@@ -9,8 +9,10 @@
 #include "CLI/CLI.hpp"
 
 #include "sim/tool/bad_input.h"
+#include "sim/tool/decode_command.h"
 #include "sim/tool/interruption.h"
 #include "sim/tool/preview_command.h"
+#include "sim/tool/replay_command.h"
 #include "sim/tool/run_command.h"
 #include "sim/tool/session.h"
 #include "sim/tool/shell_command.h"
@@ -36,6 +38,8 @@ int ExecuteCommandLine(int argc, char** argv) {
     velmar_sim::AddRunCommand(&app, &status);
     velmar_sim::AddPreviewCommand(&app, &status);
     velmar_sim::AddShellCommand(&app, &status);
+    velmar_sim::AddDecodeCommand(&app, &status);
+    velmar_sim::AddReplayCommand(&app, &status);
     const auto is_named = [argv](const CLI::App* command) {
         return command->get_name() == argv[1];
     };

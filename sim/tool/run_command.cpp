@@ -74,7 +74,7 @@ int Run(const Options& options) {
     if (files.size() > 1 && IsKeptAt(options.session)) {
         throw BadInput("--keep=DIR: expected one scenario, found " + std::to_string(files.size()));
     }
-    const SessionWriters writers(options.session);
+    SessionWriters writers(options.session);
     size_t failed = 0;
     size_t steps = 0;
     for (const ScenarioFile& file : files) {
@@ -91,11 +91,12 @@ int Run(const Options& options) {
     if (failed > 0) {
         std::cout << "FAILED: " << failed << " of " << CountOf(files.size(), "scenario")
                   << std::endl;
-        return kFailed;
+    } else {
+        std::cout << "PASSED: " << CountOf(files.size(), "scenario") << ", "
+                  << CountOf(steps, "step") << std::endl;
     }
-    std::cout << "PASSED: " << CountOf(files.size(), "scenario") << ", " << CountOf(steps, "step")
-              << std::endl;
-    return kPassed;
+    writers.Finish();
+    return failed > 0 ? kFailed : kPassed;
 }
 
 }  // namespace

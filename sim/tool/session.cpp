@@ -6,8 +6,12 @@
 #include <filesystem>
 #include <iostream>
 
+#include "android-base/strings.h"
+
 #include "sim/modem/temporary_folder.h"
 #include "sim/tool/bad_input.h"
+#include "sim/tool/capture.h"
+#include "sim/tool/trace.h"
 #include "sim/tool/transcript.h"
 
 namespace velmar_sim {
@@ -21,10 +25,12 @@ bool UsesColours(const std::string& color) {
 }
 
 // Makes the phone's folder, once the writers know of the session.
-PhoneFolder Begin(const std::string& title, const SessionOptions& options,
+PhoneFolder Begin(const std::string& title, Phone phone, const SessionOptions& options,
                   const SessionWriters& writers, EventStream* events) {
     for (const auto& writer : writers.all()) events->Attach(writer.get());
     events->Emit({Event::Kind::kHeading, title});
+    for (File& file : *phone.mutable_file()) file = WithContent(file);
+    events->Emit({Event::Kind::kPhone, phone.SerializeAsString()});
     if (options.keep.empty()) return PhoneFolder();
     PhoneFolder folder(options.keep == kKeepAnywhere ? MakeFolder("kept") : options.keep);
     std::cout << "folder " << folder.root() << std::endl;
@@ -44,16 +50,26 @@ void AddServiceOptions(CLI::App* command, SessionOptions* options) {
             ->capture_default_str();
 }
 
-void AddSessionOptions(CLI::App* command, SessionOptions* options) {
-    AddServiceOptions(command, options);
-    command->add_flag("--keep", options->keep,
-                      "Keep the phone's folder, and name it; --keep=DIR: keep it there");
+void AddWriterOptions(CLI::App* command, SessionOptions* options) {
     command->add_flag("--quiet", options->quiet, "Show the verdicts only");
     command->add_flag("--full", options->full,
                       "Show messages whole, as a scenario's send step takes them");
     command->add_option("--color", options->color, "Colours; auto: on a terminal without NO_COLOR")
             ->check(CLI::IsMember({"auto", "always", "never"}))
             ->capture_default_str();
+    command->add_option("--trace", options->traces,
+                        "Record what happens in this file: one JSON object a line, or in a .pcap "
+                        "the messages for Wireshark; may be given more than once")
+            ->type_name("FILE")
+            // Or it would take the scenarios behind it.
+            ->allow_extra_args(false);
+}
+
+void AddSessionOptions(CLI::App* command, SessionOptions* options) {
+    AddServiceOptions(command, options);
+    AddWriterOptions(command, options);
+    command->add_flag("--keep", options->keep,
+                      "Keep the phone's folder, and name it; --keep=DIR: keep it there");
 }
 
 void CheckSessionOptions(const SessionOptions& options) {
@@ -76,11 +92,22 @@ SessionWriters::SessionWriters(const SessionOptions& options) {
     if (!options.quiet) {
         writers.push_back(std::make_unique<Transcript>(UsesColours(options.color), options.full));
     }
+    for (const std::string& path : options.traces) {
+        if (android::base::EndsWith(path, ".pcap")) {
+            writers.push_back(std::make_unique<CaptureWriter>(path));
+        } else {
+            writers.push_back(std::make_unique<TraceWriter>(path));
+        }
+    }
+}
+
+void SessionWriters::Finish() {
+    for (const auto& writer : writers) writer->Finish();
 }
 
 Session::Session(const std::string& title, const Phone& phone, const SessionOptions& options,
                  const SessionWriters& writers)
-    : simulated(phone, options.velmar, Begin(title, options, writers, &event_stream),
+    : simulated(phone, options.velmar, Begin(title, phone, options, writers, &event_stream),
                 &event_stream),
       step_player(phone, options.time_factor, &simulated, &event_stream) {}
 

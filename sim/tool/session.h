@@ -30,6 +30,8 @@ struct SessionOptions {
     // Messages are shown whole.
     bool full = false;
     std::string color = "auto";
+    // Files that what happens is recorded in.
+    std::vector<std::string> traces;
     double time_factor = 1;
 };
 
@@ -40,6 +42,9 @@ inline bool IsKeptAt(const SessionOptions& options) {
 
 // Adds the options about the service to a command. `options` is borrowed.
 void AddServiceOptions(CLI::App* command, SessionOptions* options);
+
+// Adds those that say what is shown and recorded. `options` is borrowed.
+void AddWriterOptions(CLI::App* command, SessionOptions* options);
 
 // Adds all options to a command. `options` is borrowed.
 void AddSessionOptions(CLI::App* command, SessionOptions* options);
@@ -54,6 +59,9 @@ class SessionWriters {
     explicit SessionWriters(const SessionOptions& options);
 
     const std::vector<std::unique_ptr<EventWriter>>& all() const { return writers; }
+
+    // After the last session. Throws BadInput when something could not be recorded.
+    void Finish();
 
   private:
     std::vector<std::unique_ptr<EventWriter>> writers;

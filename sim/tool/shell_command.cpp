@@ -126,6 +126,7 @@ class Shell {
         }
         if (!input.is_terminal()) Try([&] { player.AwaitQuiet(kQuietTime); });
         Try([&] { player.Finish(); });
+        Try([&] { writers.Finish(); });
         return status;
     }
 
@@ -204,7 +205,7 @@ class Shell {
     const Phone phone;
     SavedScenario saved;
     LineInput input;
-    const SessionWriters writers;
+    SessionWriters writers;
     Session session;
     // Number of the last line.
     size_t line = 0;

@@ -55,6 +55,16 @@ std::vector<std::string> LibraryPath(const Phone& description, const std::string
 
 }  // namespace
 
+File WithContent(File file) {
+    std::string content;
+    if (!file.has_source()) return file;
+    if (!android::base::ReadFileToString(file.source(), &content, true)) {
+        ThrowErrno("read " + file.source());
+    }
+    file.set_content(content);
+    return file;
+}
+
 Simulation::Simulation(const Phone& description, const std::string& velmar, PhoneFolder folder,
                        EventStream* event_stream)
     : events(event_stream),
@@ -82,11 +92,8 @@ Simulation::Simulation(const Phone& description, const std::string& velmar, Phon
 }
 
 void Simulation::WriteFile(const File& file) const {
-    std::string content = file.content();
-    if (file.has_source() && !android::base::ReadFileToString(file.source(), &content, true)) {
-        ThrowErrno("read " + file.source());
-    }
-    phone_folder.WriteFile(file.path(), content, ModeFromText(file.mode()).value_or(0));
+    phone_folder.WriteFile(file.path(), WithContent(file).content(),
+                           ModeFromText(file.mode()).value_or(0));
 }
 
 void Simulation::Remove(const std::string& path) const {

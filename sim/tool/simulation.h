@@ -16,6 +16,10 @@
 
 namespace velmar_sim {
 
+// The same file with its content in it, if that is a file of the workstation. Throws
+// std::runtime_error. Any thread.
+File WithContent(File file);
+
 // A simulated phone with all that stands around the service: its folder, modem, thermal driver,
 // radio and log, and the programs that run in it. Operations belong to the main thread.
 class Simulation {

@@ -52,6 +52,12 @@ bool ChangesPhone(const Step& step) {
            step.has_fault() || step.has_clear_faults() || step.has_radio();
 }
 
+// Whether those who replay a session have to know of the step.
+bool IsReplayed(const Step& step) {
+    return ChangesPhone(step) || step.has_end_of_file() || step.has_hang_up() ||
+           step.has_signal() || step.has_client() || step.has_exit() || step.has_restart();
+}
+
 std::string DescribeExit(int status) {
     return "exit status " + std::to_string(status);
 }
@@ -84,6 +90,11 @@ void StepPlayer::Play(const Step& step, bool is_end_awaited) {
     within = Scaled(step.within_ms());
     end_awaited = is_end_awaited;
     CheckService();
+    if (IsReplayed(step)) {
+        Step whole = step;
+        if (step.has_write_file()) *whole.mutable_write_file() = WithContent(step.write_file());
+        events->Emit({Event::Kind::kStep, whole.SerializeAsString()});
+    }
     PlayAction(step);
     sends = step.has_send() || step.has_send_bytes() || step.has_send_hex();
 }

@@ -77,6 +77,9 @@ void Transcript::Write(const Event& event) {
             is_repetition = false;
             if (left_out == 0) return;
             return Print(event, kPlain, "... " + std::to_string(left_out) + " lines like these");
+        case Event::Kind::kPhone:
+        case Event::Kind::kStep:
+            return;
     }
 }
 

@@ -1,0 +1,170 @@
+#include "sim/tool/capture.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <netinet/ip.h>
+#include <netinet/udp.h>
+#include <stdio.h>
+#include <string.h>
+
+#include <algorithm>
+#include <array>
+#include <system_error>
+
+#include "sim/tool/bad_input.h"
+#include "sim/tool/message_text.h"
+
+namespace velmar_sim {
+
+namespace {
+
+constexpr uint32_t kPhoneAddress = 0x0a000001;
+constexpr uint32_t kModemAddress = 0x0a000002;
+constexpr uint16_t kPort = 50505;
+constexpr uint8_t kTimeToLive = 64;
+constexpr unsigned int kWordsOfHeader = sizeof(iphdr) / 4;
+constexpr int kMaxPacket = 262144;
+constexpr int64_t kMicrosecondsPerSecond = 1000000;
+
+// How a capture begins: of either byte order, with nanoseconds, of the format's next generation.
+constexpr std::array<uint32_t, 5> kMagics = {0xa1b2c3d4, 0xd4c3b2a1, 0xa1b23c4d, 0x4d3cb2a1,
+                                             0x0a0d0d0a};
+
+struct Headers {
+    iphdr ip;
+    udphdr udp;
+};
+constexpr size_t kMaxMessage = IP_MAXPACKET - sizeof(Headers);
+
+uint16_t ChecksumOf(const iphdr& header) {
+    std::array<uint16_t, sizeof(header) / sizeof(uint16_t)> words = {};
+    memcpy(words.data(), &header, sizeof(header));
+    uint32_t sum = 0;
+    for (const uint16_t word : words) sum += word;
+    while (sum > UINT16_MAX) sum = (sum >> 16) + (sum & UINT16_MAX);
+    return static_cast<uint16_t>(~sum);
+}
+
+Headers HeadersFor(size_t size, bool is_sent) {
+    Headers headers = {};
+    headers.ip.version = IPVERSION;
+    headers.ip.ihl = kWordsOfHeader;
+    headers.ip.tot_len = htons(static_cast<uint16_t>(sizeof(Headers) + size));
+    headers.ip.ttl = kTimeToLive;
+    headers.ip.protocol = IPPROTO_UDP;
+    headers.ip.saddr = htonl(is_sent ? kModemAddress : kPhoneAddress);
+    headers.ip.daddr = htonl(is_sent ? kPhoneAddress : kModemAddress);
+    headers.ip.check = ChecksumOf(headers.ip);
+    headers.udp.source = headers.udp.dest = htons(kPort);
+    headers.udp.len = htons(static_cast<uint16_t>(sizeof(udphdr) + size));
+    return headers;
+}
+
+// The message in a packet; its text is empty when the packet is none of ours.
+Event MessageIn(const pcap_pkthdr& packet, const u_char* data) {
+    Headers headers = {};
+    Event event;
+    if (packet.caplen <= sizeof(headers)) return event;
+    memcpy(&headers, data, sizeof(headers));
+    const uint32_t source = ntohl(headers.ip.saddr);
+    if (headers.ip.version != IPVERSION || headers.ip.ihl != kWordsOfHeader ||
+        headers.ip.protocol != IPPROTO_UDP ||
+        (source != kModemAddress && source != kPhoneAddress)) {
+        return event;
+    }
+    event.kind = source == kModemAddress ? Event::Kind::kSent : Event::Kind::kReceived;
+    event.text.assign(data + sizeof(headers), data + packet.caplen);
+    if (packet.len > packet.caplen)
+        event.total = packet.len - static_cast<int64_t>(sizeof(headers));
+    event.since_boot =
+            std::chrono::seconds(packet.ts.tv_sec) + std::chrono::microseconds(packet.ts.tv_usec);
+    return event;
+}
+
+}  // namespace
+
+CaptureWriter::CaptureWriter(const std::string& path)
+    : file_path(path),
+      format(pcap_open_dead(DLT_RAW, kMaxPacket), pcap_close),
+      file(nullptr, pcap_dump_close) {
+    FILE* opened = fopen(path.c_str(), "we");
+    if (opened == nullptr) {
+        throw BadInput("--trace: " + path +
+                       ": cannot be written: " + std::generic_category().message(errno));
+    }
+    file.reset(pcap_dump_fopen(format.get(), opened));
+    Flush();
+}
+
+void CaptureWriter::Write(const Event& event) {
+    const bool is_sent = event.kind == Event::Kind::kSent;
+    if (error != 0 || (!is_sent && event.kind != Event::Kind::kReceived)) return;
+    const size_t kept = std::min(event.text.size(), kMaxMessage);
+    const Headers headers = HeadersFor(kept, is_sent);
+    std::string data(reinterpret_cast<const char*>(&headers), sizeof(headers));
+    data.append(event.text, 0, kept);
+    pcap_pkthdr packet = {};
+    packet.ts.tv_sec = event.since_boot.count() / kMicrosecondsPerSecond;
+    packet.ts.tv_usec = event.since_boot.count() % kMicrosecondsPerSecond;
+    packet.caplen = static_cast<bpf_u_int32>(data.size());
+    packet.len = static_cast<bpf_u_int32>(sizeof(headers) + event.text.size());
+    pcap_dump(reinterpret_cast<u_char*>(file.get()), &packet,
+              reinterpret_cast<const u_char*>(data.data()));
+    Flush();
+}
+
+// So that a killed program leaves a capture that is complete up to its last message.
+void CaptureWriter::Flush() {
+    if (pcap_dump_flush(file.get()) != 0) error = errno;
+}
+
+void CaptureWriter::Finish() {
+    if (error == 0) return;
+    throw BadInput("--trace: " + file_path +
+                   ": could not be written to its end: " + std::generic_category().message(error));
+}
+
+bool IsCapture(const std::string& content) {
+    uint32_t magic = 0;
+    if (content.size() < sizeof(magic)) return false;
+    memcpy(&magic, content.data(), sizeof(magic));
+    return std::find(kMagics.begin(), kMagics.end(), magic) != kMagics.end();
+}
+
+void ReadCapture(const std::string& path, std::string content, const TraceReader& reader) {
+    FILE* memory = fmemopen(content.data(), content.size(), "rb");
+    std::array<char, PCAP_ERRBUF_SIZE> why = {};
+    const std::unique_ptr<pcap_t, void (*)(pcap_t*)> capture(pcap_fopen_offline(memory, why.data()),
+                                                             pcap_close);
+    if (capture == nullptr) {
+        static_cast<void>(fclose(memory));
+        throw BadInput(path + ": expected a capture: " + why.data());
+    }
+    const int link_type = pcap_datalink(capture.get());
+    if (link_type != DLT_RAW) {
+        const char* name = pcap_datalink_val_to_name(link_type);
+        throw BadInput(path + ": expected a capture of the link type RAW, found " +
+                       (name == nullptr ? std::to_string(link_type) : name));
+    }
+    pcap_pkthdr* packet = nullptr;
+    const u_char* data = nullptr;
+    for (int number = 1;; ++number) {
+        const std::string place = path + ":" + std::to_string(number) + ": expected ";
+        const int result = pcap_next_ex(capture.get(), &packet, &data);
+        if (result == PCAP_ERROR_BREAK) return;
+        if (result != 1) throw BadInput(place + "a packet: " + pcap_geterr(capture.get()));
+        const Event event = MessageIn(*packet, data);
+        if (event.text.empty()) {
+            throw BadInput(place + "UDP from 10.0.0.2, the modem, or 10.0.0.1, the phone");
+        }
+        if (event.total > 0) {
+            Event cut = event;
+            cut.kind = Event::Kind::kText;
+            cut.text = "of a message of " + CountOf(event.total, "byte") + " these were captured:";
+            reader(cut, number);
+        }
+        reader(event, number);
+    }
+}
+
+}  // namespace velmar_sim
