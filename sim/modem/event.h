@@ -60,12 +60,15 @@ class EventWriter {
 // thread.
 class EventStream {
   public:
-    // `writer` is borrowed. Before the first event.
-    void Attach(EventWriter* writer) { writers.push_back(writer); }
+    // `writer`, which is borrowed, gets all events from now on.
+    void Attach(EventWriter* writer) {
+        const std::lock_guard<std::mutex> guard(lock);
+        writers.push_back(writer);
+    }
 
     void Emit(Event event) {
         const std::lock_guard<std::mutex> guard(lock);
-        // One that is found late has the time at which that was.
+        // Times never run backwards: an event that is found late takes the time of the last one.
         last = std::max(last, event.time);
         event.since_boot = std::chrono::duration_cast<std::chrono::microseconds>(last - boot);
         for (EventWriter* writer : writers) writer->Write(event);

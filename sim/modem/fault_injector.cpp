@@ -35,9 +35,9 @@ void FaultInjector::Add(const FaultRule& rule) {
         velmar_phone::Fault& fault = state->faults[slot];
         if (fault.remaining.load(std::memory_order_acquire) > 0) continue;
         LookAt(slot);
-        slots[slot] = {rule};
         CopyText(rule.call, fault.call);
         CopyText(rule.path, fault.path);
+        slots[slot] = {rule};
         fault.error = rule.error;
         fault.length = rule.length;
         fault.skip.store(rule.skip, std::memory_order_relaxed);

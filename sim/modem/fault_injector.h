@@ -33,6 +33,8 @@ class FaultInjector {
     // Throws std::runtime_error for a rule that cannot be, and when velmar_phone::kMaxFaults rules
     // have not hit all that they are to hit.
     void Add(const FaultRule& rule);
+
+    // Takes back all rules.
     void Clear();
 
     // How many calls the faults have still to hit.

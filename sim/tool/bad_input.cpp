@@ -4,12 +4,17 @@
 #include <unistd.h>
 
 #include <system_error>
+#include <utility>
 
 #include "android-base/file.h"
 
 namespace velmar_sim {
 
 std::string ReadInput(const std::string& path) {
+    static bool is_stdin_read = false;
+    if (path == "-" && std::exchange(is_stdin_read, true)) {
+        throw BadInput("-: standard input is given twice");
+    }
     std::string text;
     const bool is_read = path == "-" ? android::base::ReadFdToString(STDIN_FILENO, &text)
                                      : android::base::ReadFileToString(path, &text, true);

@@ -5,14 +5,15 @@
 
 namespace velmar_sim {
 
-// A file, an option or an environment with which nothing can be done: nothing was played. The text
-// says what, where, and what was expected.
+// A file, a line, an option or an environment with which nothing can be done. The text says what,
+// where, and what was expected.
 class BadInput : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
 };
 
-// The content of the file `path`, or of standard input for "-". Throws BadInput. Any thread.
+// The content of the file `path`, or of standard input for "-", once. Throws BadInput. Main
+// thread.
 std::string ReadInput(const std::string& path);
 
 }  // namespace velmar_sim

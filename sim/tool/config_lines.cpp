@@ -248,7 +248,13 @@ void PairRadioRequests(const ConfigOutcome& outcome, std::vector<ConfigRow>* row
     }
     size_t refusals = 0;
     size_t requests = 0;
+    const auto& sent = outcome.radio_requests;
+    // The first line is no entry, but may look like one that is refused.
+    if (!rows->empty() && !sent.empty() && sent[0].request() != kGnssEntryRequest) {
+        TakeRadioRequest(sent[requests++], &rows->front());
+    }
     for (ConfigRow& row : *rows) {
+        if (row.is_sent) continue;
         const std::string logged = refusals < refused.size() ? refused[refusals] : "";
         if (logged == kTooFewFields + row.text) {
             row.result = "not sent: expected at least two fields";
@@ -256,8 +262,8 @@ void PairRadioRequests(const ConfigOutcome& outcome, std::vector<ConfigRow>* row
         } else if (logged == kIncomplete + row.text) {
             row.result = "not sent: expected a value for each band, and a band for each value";
             ++refusals;
-        } else if (requests < outcome.radio_requests.size()) {
-            TakeRadioRequest(outcome.radio_requests[requests++], &row);
+        } else if (requests < sent.size()) {
+            TakeRadioRequest(sent[requests++], &row);
         }
     }
 }

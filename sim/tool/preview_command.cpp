@@ -133,9 +133,11 @@ bool AwaitLog(const std::string& text, milliseconds timeout, Session* session,
 
 // "SIGABRT: " and what the service wrote outside of its log.
 std::string DescribeEnd(int status, const std::vector<LogLine>& log) {
-    std::string text = ChildProcess::DescribeEnd(status) + ":";
+    std::string text = ChildProcess::DescribeEnd(status);
+    const char* separator = ": ";
     for (const LogLine& line : log) {
-        if (line.tag == kStandardErrorTag) text += " " + android::base::Trim(line.text);
+        if (line.tag != kStandardErrorTag) continue;
+        text += std::exchange(separator, " ") + android::base::Trim(line.text);
     }
     return text;
 }

@@ -59,8 +59,9 @@ std::string FindFailure(const ScenarioFile& file, const SessionOptions& options,
     } catch (const std::exception& error) {
         std::string text = place + error.what() + "\n";
         if (!session) return text;
-        text += "  last log lines:\n";
-        for (const LogLine& line : session->simulation().log().Last(kShownLogLines)) {
+        const std::vector<LogLine> last = session->simulation().log().Last(kShownLogLines);
+        if (!last.empty()) text += "  last log lines:\n";
+        for (const LogLine& line : last) {
             text += "    " + DescribeLogLine(line) + "\n";
         }
         return text;

@@ -83,7 +83,8 @@ void SavedScenario::End(bool has_passed) {
     current = items.end();
 }
 
-// Puts an expect step that has passed in the place of the message that it took.
+// Puts an expect step that has passed in the place of the message that it took. Called with the
+// lock held.
 void SavedScenario::ReplaceReceived() {
     const Step& step = current->step;
     const auto received = std::find_if(items.begin(), items.end(), [&step](const Item& item) {
@@ -98,7 +99,7 @@ void SavedScenario::ReplaceReceived() {
     items.erase(current);
 }
 
-// How long it took until nothing more came of what was done last.
+// How long it took until nothing more came of what was done last. Called with the lock held.
 uint32_t SavedScenario::PauseSoFar() const {
     return last_event - last_item < kAtOnce ? 0 : Generous(last_event - last_item);
 }

@@ -1,7 +1,6 @@
 #include "sim/tool/scenario_reader.h"
 
 #include <errno.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -11,6 +10,7 @@
 #include <set>
 #include <system_error>
 
+#include "android-base/file.h"
 #include "google/protobuf/io/tokenizer.h"
 #include "google/protobuf/text_format.h"
 
@@ -48,6 +48,11 @@ bool IsPattern(const std::string& text) {
     }
 }
 
+bool IsPathPattern(const std::string& text) {
+    const bool can_lead = !text.empty() && (text[0] == '/' || text[0] == '*');
+    return can_lead && text.size() < sizeof(velmar_phone::Fault::path);
+}
+
 template <auto convert>
 bool Converts(const std::string& text) {
     return convert(text).has_value();
@@ -83,6 +88,7 @@ const TextRule* FindTextRule(const FieldDescriptor& field) {
             {"LogPattern.priority",
              {"a priority such as \"I\" or \"4\"", Converts<PriorityFromText>}},
             {"ResponsePolicy.payload", {"a payload such as \"modem_stat_message\"", IsPayload}},
+            {"Fault.path", {"a path, or a pattern of paths, of at most 231 bytes", IsPathPattern}},
             {"Fault.error", {"an error such as \"EIO\"", Converts<ErrorFromName>}},
             {"Fault.call",
              OneOf("a call such as \"read\"", {"open", "stat", "read", "write", "select", "poll",
@@ -130,9 +136,13 @@ std::string MessageError(const Message& message) {
     if (!missing.empty()) return "expected " + missing;
     if (const auto* push = DynamicCastToGenerated<Push>(&message)) return PushError(*push);
     const auto* file = DynamicCastToGenerated<File>(&message);
-    if (file != nullptr && file->has_source() && access(file->source().c_str(), R_OK) != 0) {
+    std::string content;
+    if (file != nullptr && file->has_source() &&
+        !android::base::ReadFileToString(file->source(), &content, true)) {
         return "source: " + file->source() + ": " + std::generic_category().message(errno);
     }
+    const auto* fault = DynamicCastToGenerated<Fault>(&message);
+    if (fault != nullptr && fault->times() == 0) return "expected times above 0";
     const auto* property = DynamicCastToGenerated<Property>(&message);
     if (property != nullptr && !PhoneFolder::IsPropertyValue(property->name(), property->value())) {
         return "expected a value of at most 91 bytes, or a name that begins with \"ro.\"";

@@ -73,12 +73,15 @@ void AddSessionOptions(CLI::App* command, SessionOptions* options) {
 }
 
 void CheckSessionOptions(const SessionOptions& options) {
-    if (access(options.velmar.c_str(), X_OK) != 0) {
+    std::error_code failure;
+    if (!std::filesystem::is_regular_file(options.velmar, failure) ||
+        access(options.velmar.c_str(), X_OK) != 0) {
         throw BadInput("--velmar: expected an executable, found " + options.velmar);
     }
-    if (IsKeptAt(options) && std::filesystem::exists(options.keep) &&
-        !std::filesystem::is_empty(options.keep)) {
-        throw BadInput("--keep: expected a folder that is empty or missing, found " + options.keep);
+    if (IsKeptAt(options)) std::filesystem::create_directories(options.keep, failure);
+    if (failure || (IsKeptAt(options) && !std::filesystem::is_empty(options.keep, failure))) {
+        throw BadInput("--keep: expected a folder that is empty or can be made, found " +
+                       options.keep);
     }
     try {
         const TemporaryFolder tried;

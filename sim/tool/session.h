@@ -55,7 +55,7 @@ void CheckSessionOptions(const SessionOptions& options);
 // Shows or records what happens in all sessions of a command, as its options ask for it.
 class SessionWriters {
   public:
-    // Throws BadInput when a file cannot be written.
+    // Throws BadInput when the file of a trace cannot be made.
     explicit SessionWriters(const SessionOptions& options);
 
     const std::vector<std::unique_ptr<EventWriter>>& all() const { return writers; }

@@ -4,7 +4,6 @@
 #include <string.h>
 
 #include <algorithm>
-#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <iostream>
@@ -33,11 +32,11 @@ namespace {
 
 using android::base::StartsWith;
 
-constexpr std::chrono::milliseconds kQuietTime{300};
-
 constexpr char kTitle[] = "a phone, by hand; help says what a line can be";
 constexpr char kFooter[] =
-        "Exit status: 0 every step passed, 1 one failed, 2 bad usage, or a line that is no step.";
+        "Exit status: 0 every step passed, 1 one failed or the service ended without an exit step, "
+        "2 "
+        "bad usage, or a line that is no step.";
 constexpr char kHelpOf[] = "help ";
 constexpr char kQuit[] = "quit";
 constexpr char kHelp[] =
@@ -90,7 +89,11 @@ Phone PhoneFrom(const Options& options) {
 
 std::vector<std::string> CompleteLine(const std::string& text) {
     const bool is_help = StartsWith(text, kHelpOf);
-    std::vector<std::string> names = CompleteStep(is_help ? text.substr(strlen(kHelpOf)) : text);
+    if (StartsWith(text, "save ")) return {};
+    // "help send.file_message" names what stands in "send { file_message".
+    std::vector<std::string> names = CompleteStep(
+            is_help ? android::base::StringReplace(text.substr(strlen(kHelpOf)), ".", " { ", true)
+                    : text);
     if (is_help) {
         for (auto& name : names) name = name.substr(0, name.find_first_of(" :"));
         return names;
@@ -124,14 +127,14 @@ class Shell {
             if (trimmed == kQuit) break;
             if (!trimmed.empty() && trimmed[0] != '#') Try([&] { Execute(*text, trimmed); });
         }
-        if (!input.is_terminal()) Try([&] { player.AwaitQuiet(kQuietTime); });
+        if (!input.is_terminal()) Try([&] { player.AwaitQuiet(); });
         Try([&] { player.Finish(); });
         Try([&] { writers.Finish(); });
         return status;
     }
 
   private:
-    // What fails is said, and the session goes on.
+    // What fails is told, and the session goes on.
     void Try(const std::function<void()>& action) {
         const std::string place = std::to_string(line) + ": ";
         try {
@@ -182,9 +185,9 @@ class Shell {
 
     void Save(const std::string& path) {
         if (path.empty()) throw BadInput("save: expected the name of a file");
-        Try([this] { session.player().AwaitQuiet(kQuietTime); });
+        Try([this] { session.player().AwaitQuiet(); });
         const std::string folder = std::filesystem::absolute(path).parent_path();
-        if (!android::base::WriteStringToFile(saved.Text(folder), path)) {
+        if (!android::base::WriteStringToFile(saved.Text(folder), path, true)) {
             throw BadInput("save: " + path + ": cannot be written: " + strerrordesc_np(errno));
         }
     }

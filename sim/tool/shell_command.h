@@ -4,8 +4,8 @@
 
 namespace velmar_sim {
 
-// Adds the command "shell", which boots a phone and plays steps that are typed line by line. It
-// puts its exit status into `status`, which is borrowed, and throws BadInput for bad options. Main
+// Adds "velmar_sim shell", which boots a phone and plays steps that are typed line by line. When
+// the command line names it, parsing executes it and puts the exit status into `status`. Main
 // thread.
 void AddShellCommand(CLI::App* app, int* status);
 

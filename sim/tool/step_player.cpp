@@ -29,7 +29,7 @@ using velmar_message::VelmarMessage;
 constexpr char kServerOption[] = "--server";
 constexpr milliseconds kPollInterval{2};
 // After so long without an event nothing more is due to come of a message.
-constexpr milliseconds kQuietTime{300};
+constexpr uint32_t kQuietMs = 300;
 
 LogStream::Matcher LogMatcher(const LogPattern& pattern) {
     const std::regex expression(pattern.matching());
@@ -96,7 +96,7 @@ void StepPlayer::Play(const Step& step, bool is_end_awaited) {
         events->Emit({Event::Kind::kStep, whole.SerializeAsString()});
     }
     PlayAction(step);
-    sends = step.has_send() || step.has_send_bytes() || step.has_send_hex();
+    has_sent = step.has_send() || step.has_send_bytes() || step.has_send_hex();
 }
 
 void StepPlayer::Look() {
@@ -104,27 +104,27 @@ void StepPlayer::Look() {
     CheckService();
 }
 
-void StepPlayer::AwaitQuiet(Milliseconds time) {
-    const auto scaled = Scaled(static_cast<uint32_t>(time.count()));
+void StepPlayer::AwaitQuiet() {
     const auto limit = Scaled(Step::default_instance().within_ms());
-    WaitUntil(limit, [this, scaled] { return events->QuietTime() >= scaled; });
+    WaitUntil(limit, [this] { return events->QuietTime() >= Scaled(kQuietMs); });
 }
 
 void StepPlayer::Finish() {
     end_awaited = false;
     // What comes of a message is shown although no step awaits it.
-    if (sends) AwaitQuiet(kQuietTime);
+    if (has_sent) AwaitQuiet();
     CheckService();
-    const std::vector<std::string> idle = simulation->faults().WithoutHit();
-    if (!idle.empty()) {
-        throw StepFailure("faults have hit nothing: " + android::base::Join(idle, ", "));
-    }
     // Afterwards all that it wrote is in the log.
     service.reset();
     service_expected = false;
     simulation->radio().Look();
+    simulation->faults().Look();
     if (simulation->log().Find(0, IsSanitizerReport, milliseconds(0))) {
         throw StepFailure("a sanitizer reported a fault of velmar");
+    }
+    const std::vector<std::string> idle = simulation->faults().WithoutHit();
+    if (!idle.empty()) {
+        throw StepFailure("faults have hit nothing: " + android::base::Join(idle, ", "));
     }
 }
 
@@ -363,6 +363,7 @@ std::string StepPlayer::WithinText() const {
 
 // Acts once the service has the channel open.
 void StepPlayer::WithChannel(const std::function<void()>& action) {
+    RequireRunning();
     const auto is_open = [this] { return simulation->modem().WaitForChannel(kPollInterval); };
     if (!WaitUntil(within, is_open)) {
         throw StepFailure("velmar has not opened the channel" + WithinText());

@@ -52,9 +52,9 @@ class StepPlayer {
     // Shows what has happened between two steps. Throws UnexpectedEnd, once for each end.
     void Look();
 
-    // Waits until nothing has happened for so long times the factor, at most as long as a step may
+    // Waits until nothing has happened for 300 ms times the factor, at most as long as a step may
     // take that does not say.
-    void AwaitQuiet(std::chrono::milliseconds time);
+    void AwaitQuiet();
 
     // Ends the service and looks for reports of sanitizers and for faults that hit nothing. After
     // the last step.
@@ -104,7 +104,8 @@ class StepPlayer {
     bool end_awaited = false;
     // Of the step being played.
     Milliseconds within{0};
-    bool sends = false;
+    // The step played last has sent a message.
+    bool has_sent = false;
     // Log lines before this one are done with.
     size_t log_position = 0;
 };

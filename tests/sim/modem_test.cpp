@@ -10,7 +10,6 @@
 #include <thread>
 
 #include "sim/modem/device_socket.h"
-#include "sim/modem/fault_injector.h"
 #include "sim/modem/phone_folder.h"
 #include "sim/modem/simulated_modem.h"
 #include "sim/tool/file_push.h"
@@ -114,19 +113,6 @@ TEST_F(ModemTest, MessagesOfEverySizeKeepTheirBorders) {
         EXPECT_EQ(modem.Receive(kSoon)->bytes, "next");
     }
     EXPECT_THROW(modem.SendBytes(std::string(131073, 'm')), std::runtime_error);
-}
-
-TEST(FaultInjector, FillsTheFreeSlots) {
-    const PhoneFolder folder;
-    velmar_sim::FaultInjector injector(folder);
-    const velmar_sim::FaultRule rule = {"read", "/dev/oem_ipc1", EIO, 0, 3, 1};
-    for (int i = 0; i < velmar_phone::kMaxFaults; ++i) injector.Add(rule);
-    EXPECT_THROW(injector.Add(rule), std::runtime_error);
-    folder.MapState()->faults[2].remaining = 0;
-    injector.Add(rule);
-    EXPECT_EQ(injector.Left(), 3 * velmar_phone::kMaxFaults);
-    injector.Clear();
-    EXPECT_EQ(injector.Left(), 0);
 }
 
 TEST(PhoneFolder, FillsInWhatIsAskedForAndRefusesTheRest) {

@@ -88,9 +88,7 @@ TEST_F(PhoneTest, PathsResolveAsInARootOfTheirOwn) {
             {"/data/canary", "", ENOENT},
             {"/data/../../../../../../../../.." + canary, "", ENOENT},
             {"/data/loop", "", ELOOP},
-            {"/data/none/../file", "", ENOENT},
             {"/data/file/../file", "", ENOTDIR},
-            {"/database", "", ENOENT},
             {canary, "/../canary", 0},
     };
     for (const auto& [path, file, error] : kCases) {
@@ -103,9 +101,6 @@ TEST_F(PhoneTest, PathsResolveAsInARootOfTheirOwn) {
     EXPECT_EQ(fs::read_symlink("/data/folder"), "/etc");
     EXPECT_EQ(fs::canonical("/data/../etc/inside"), fs::canonical(phone.HostPath("/etc/inside")));
     EXPECT_EQ(open("/data/climbing", O_RDONLY | O_NOFOLLOW), -1);
-    EXPECT_EQ(rename("/data/climbing", "/data/loop"), 0);
-    EXPECT_EQ(unlink("/data/loop"), 0);
-    EXPECT_EQ(phone.ReadFile("/etc/inside"), "inside");
     // The linker says where it has looked.
     EXPECT_EQ(dlopen("/data/lib.so", RTLD_NOW), nullptr);
     EXPECT_EQ(std::string(dlerror()).find(phone.HostPath("/data/lib.so")), 0U);  // NOLINT

@@ -1,13 +1,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <fstream>
 #include <string>
-#include <thread>
 
+#include "shell_output.h"
 #include "sim/modem/temporary_folder.h"
-#include "sim/tool/child_process.h"
 
 namespace {
 
@@ -16,15 +14,8 @@ namespace {
 std::string Preview(const std::string& arguments, const std::string& text) {
     const velmar_sim::TemporaryFolder folder;
     std::ofstream(folder.path() + "/gnss_blanking.csv") << text;
-    const std::string script = "cd '" + folder.path() +
-                               "'; $0 preview --velmar '" VELMAR_PATH "' " + arguments +
-                               " <gnss_blanking.csv 2>&1; printf $?";
-    const velmar_sim::Launch launch = {"/bin/sh", {"sh", "-c", script, VELMAR_SIM_PATH}, {}};
-    std::string output;
-    const auto gather = [&output](const std::string& written) { output += written; };
-    velmar_sim::ChildProcess tool(launch, gather, nullptr);
-    while (tool.IsRunning()) std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    return output;
+    return ShellOutput("cd '" + folder.path() + "'; $sim preview --velmar $velmar " + arguments +
+                       " <gnss_blanking.csv; printf $?");
 }
 
 TEST(Preview, EachLineStandsBesideWhatIsSentForIt) {
@@ -58,6 +49,8 @@ TEST(Preview, EachLineStandsBesideWhatIsSentForIt) {
 -:7: B3x,2.9,n78\r   226  02 01 03 00 02 00 00 00 00 00  LTE 3 value 2  warning: CR ends the line; band "B3x" is sent as 3; value "2.9" is sent as 2; "n78" is passed over
 -:8: 13,1,B,2,x      226  04 01 03 00 01 00 00 00 00 00  LTE pair 3 value 1, 0 value 0  warning: band "13" is sent as 3; band "B" is sent as 0; value "2" is sent as 0; "x" is passed over
 1)"},
+            {"--as gnss -", "258\n258\n",
+             "-:1: 258   227  02 01\n-:2: 258   not sent: expected at least two fields\n1"},
             {"-", "",
              "-: expected a file named modem_stat.conf, modem_userspace_logging.conf, "
              "gnss_blanking.csv, or the option --as\n2"},

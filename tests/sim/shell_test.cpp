@@ -1,13 +1,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <fstream>
 #include <string>
-#include <thread>
 
+#include "shell_output.h"
 #include "sim/modem/temporary_folder.h"
-#include "sim/tool/child_process.h"
 #include "sim/tool/scenario_reader.h"
 #include "sim/tool/step_help.h"
 
@@ -16,16 +14,6 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 
 namespace {
-
-// What a line of sh writes, in which $0 is velmar_sim.
-std::string OutputOf(const std::string& line) {
-    std::string text;
-    const auto gather = [&text](const std::string& written) { text += written; };
-    velmar_sim::ChildProcess sh({"/bin/sh", {"sh", "-c", line, VELMAR_SIM_PATH}, {}, 0077}, gather,
-                                nullptr);
-    while (sh.IsRunning()) std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    return text;
-}
 
 TEST(Shell, ASessionIsSavedAndPlayedAgain) {
     const velmar_sim::TemporaryFolder folder;
@@ -47,9 +35,9 @@ restart {}
 push { generated { size: 9 } file_dir: FILE_DIRECTORY_MDS file_name: "f" }
 client { argument: "--extendedlog" }
 save )" << saved;
-    const std::string options = " --quiet --velmar '" VELMAR_PATH "' ";
-    EXPECT_EQ(OutputOf("{ \"$0\" shell --modem-state 4 --property ro.a=b" + options + "2>&1 <" +
-                       lines + "; echo $?; } | grep '^[0-9]'"),
+    const std::string options = " --quiet --velmar $velmar ";
+    EXPECT_EQ(ShellOutput("{ $sim shell --modem-state 4 --property ro.a=b" + options + "2>&1 <" +
+                          lines + "; echo $?; } | grep '^[0-9]'"),
               "2:12: Message type \"velmar_message.VelmarMessage\" has no field named \"typo\".\n"
               "3:7: matching: expected a regular expression, found \"(\"\n"
               "4: the message differs\n"
@@ -65,7 +53,7 @@ save )" << saved;
             steps,
             "send_hex expect push client expect fault send_bytes signal exit clear_faults restart "
             "push client expect ");
-    EXPECT_THAT(OutputOf("\"$0\" run" + options + saved), HasSubstr("PASSED"));
+    EXPECT_THAT(ShellOutput("$sim run" + options + saved), HasSubstr("PASSED"));
 }
 
 TEST(Shell, NamesInAStepAreCompletedAndDescribed) {
