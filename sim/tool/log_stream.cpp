@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <regex>
+#include <utility>
 
 #include "android-base/strings.h"
 
@@ -24,6 +25,12 @@ LogLine MakeLine(char priority, const std::string& tag, const std::string& text)
 }
 
 }  // namespace
+
+// Compiles the pattern before any thread parses: the C++ library notes, without a lock, what it
+// looks up for a pattern, and main compiles those of the steps.
+LogLineParser::LogLineParser(std::string plain_tag) : tag(std::move(plain_tag)) {
+    LogHeader();
+}
 
 std::vector<LogLine> LogLineParser::Parse(const std::string& written) {
     std::smatch match;

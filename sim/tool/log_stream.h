@@ -24,7 +24,7 @@ using LogLine = Event;
 class LogLineParser {
   public:
     // `plain_tag` is the tag of lines that do not come from the log.
-    explicit LogLineParser(std::string plain_tag) : tag(std::move(plain_tag)) {}
+    explicit LogLineParser(std::string plain_tag);
 
     // The lines that end in `written`, the bytes of one write of the program; empty at the end,
     // when a last line may lack its line feed. The log writes each of its lines at once, so a line
