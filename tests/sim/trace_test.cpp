@@ -133,8 +133,6 @@ TEST_F(TraceTest, CommandsTakeWhatIsATraceAndNameWhatIsNone) {
              "the trace does not have\n  expected: -\n  actual:   "
              "REQUEST token=0 (",
              1},
-            {"$replay --phone more --trace r t > v; $sim decode r | grep -c 'response successful'",
-             "\n2\n", 0},
             {"$replay --fast --phone turned t", "came in another order", 1},
             {"$replay hex", "hex: says nothing of the phone: expected --phone", 2},
             {"$replay --phone offline hex", "hex: the modem never comes online: expected", 2},
