@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "phone_test_case.h"
+#include "service/velmar_file_directory.h"
 
 using android::base::StringPrintf;
 using android::base::StringReplace;
@@ -186,6 +187,8 @@ TEST_F(FileTest, ChunksOfNoKnownDirectoryAreRefused) {
         EXPECT_EQ(Request(AsRequest(Fields(name, "a", 1, 1))), kStatusNotFound);
         EXPECT_EQ(Indicate(AsIndication(Fields(name, "a", 1, 1))), kStatusNotFound);
         EXPECT_THAT(log.TakeLines(), EndsWith(std::string("; E Bad file directory: ") + number));
+        const auto id = static_cast<velmar_message::FileDirectory>(*number - '0');
+        EXPECT_EQ(VelmarFileDirectoryTable::FindDirectoryFromId(id), "UNKNOWN");
     }
 }
 

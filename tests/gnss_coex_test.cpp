@@ -117,6 +117,11 @@ TEST_F(GnssCoexLoadTest, FirstFileThatCanBeReadIsUsed) {
     const std::string sent = "0; RILC_Send client: open request { request: 227 data: ";
     const std::string logged = " } extra: 255; I Configuring GNSS coex";
     Provide("full");
+    Behave("no_client: true");
+    EXPECT_EQ(Load(),
+              "8; RILC_Open; I Configuring GNSS coex; "
+              "E Failed to connect to RIL to send GNSS coex configuration");
+    Behave("");
     EXPECT_EQ(Load(),
               "8; RILC_Open; I Configuring GNSS coex; "
               "E Failed to read any GNSS coex configuration file");
