@@ -22,4 +22,9 @@ std::string ReadInput(const std::string& path) {
     throw BadInput(path + ": cannot be read: " + std::generic_category().message(errno));
 }
 
+void ThrowUnwritable(const std::string& path, int error) {
+    throw BadInput("--trace: " + path +
+                   ": cannot be written: " + std::generic_category().message(error));
+}
+
 }  // namespace velmar_sim

@@ -16,4 +16,7 @@ class BadInput : public std::runtime_error {
 // thread.
 std::string ReadInput(const std::string& path);
 
+// Throws BadInput: nothing, or nothing more, can be recorded in `path`, for the reason of `error`.
+[[noreturn]] void ThrowUnwritable(const std::string& path, int error);
+
 }  // namespace velmar_sim

@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <array>
-#include <system_error>
 
 #include "sim/tool/bad_input.h"
 #include "sim/tool/message_text.h"
@@ -88,10 +87,7 @@ CaptureWriter::CaptureWriter(const std::string& path)
       format(pcap_open_dead(DLT_RAW, kMaxPacket), pcap_close),
       file(nullptr, pcap_dump_close) {
     FILE* opened = fopen(path.c_str(), "we");
-    if (opened == nullptr) {
-        throw BadInput("--trace: " + path +
-                       ": cannot be written: " + std::generic_category().message(errno));
-    }
+    if (opened == nullptr) ThrowUnwritable(path, errno);
     file.reset(pcap_dump_fopen(format.get(), opened));
     Flush();
 }
@@ -119,9 +115,7 @@ void CaptureWriter::Flush() {
 }
 
 void CaptureWriter::Finish() {
-    if (error == 0) return;
-    throw BadInput("--trace: " + file_path +
-                   ": could not be written to its end: " + std::generic_category().message(error));
+    if (error != 0) ThrowUnwritable(file_path, error);
 }
 
 bool IsCapture(const std::string& content) {

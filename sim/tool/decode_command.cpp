@@ -3,6 +3,7 @@
 #include <memory>
 #include <string>
 
+#include "sim/tool/bad_input.h"
 #include "sim/tool/interruption.h"
 #include "sim/tool/session.h"
 #include "sim/tool/trace.h"
@@ -13,8 +14,7 @@ namespace {
 
 constexpr char kFooter[] =
         "The content of a trace tells what it is: JSON lines or a capture as --trace writes them, "
-        "or "
-        "lines\n\"modem HEX...\" and \"phone HEX...\".\n"
+        "or lines\n\"modem HEX...\" and \"phone HEX...\".\n"
         "Exit status: 0 shown, 2 bad usage or a bad trace.";
 
 struct Options {
@@ -23,8 +23,10 @@ struct Options {
 };
 
 int Decode(const Options& options) {
+    // Before the writers: one of them may write the same file.
+    const std::string content = ReadInput(options.path);
     SessionWriters writers(options.session);
-    ReadTrace(options.path, [&writers](const Event& event, int) {
+    ReadTrace(options.path, content, [&writers](const Event& event, int) {
         ThrowIfInterrupted();
         for (const auto& writer : writers.all()) writer->Write(event);
     });

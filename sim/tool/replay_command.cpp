@@ -21,8 +21,7 @@ constexpr int kOnline = 4;
 
 constexpr char kFooter[] =
         "Exit status: 0 the service sent what it did in the trace, 1 it did not, 2 bad usage or a "
-        "bad "
-        "trace.";
+        "bad trace.";
 
 struct Options {
     std::string path;

@@ -66,8 +66,7 @@ TextRule OneOf(const std::string& what, const std::set<std::string>& names) {
 const TextRule* FindTextRule(const FieldDescriptor& field) {
     static const TextRule path = {
             "a path of the phone without \"..\": a device, or one in /data, /vendor, /mnt/vendor "
-            "or "
-            "/sys/devices/platform/cp-tm1",
+            "or /sys/devices/platform/cp-tm1",
             PhoneFolder::IsOnPhone};
     static const TextRule mode = {"permissions in octal such as \"0644\"", Converts<ModeFromText>};
     static const TextRule signal = {"a signal such as \"SIGUSR1\"", Converts<SignalFromName>};

@@ -35,8 +35,7 @@ using android::base::StartsWith;
 constexpr char kTitle[] = "a phone, by hand; help says what a line can be";
 constexpr char kFooter[] =
         "Exit status: 0 every step passed, 1 one failed or the service ended without an exit step, "
-        "2 "
-        "bad usage, or a line that is no step.";
+        "2 bad usage, or a line that is no step.";
 constexpr char kHelpOf[] = "help ";
 constexpr char kQuit[] = "quit";
 constexpr char kHelp[] =

@@ -7,7 +7,6 @@
 #include <cmath>
 #include <optional>
 #include <sstream>
-#include <system_error>
 
 #include "android-base/file.h"
 #include "google/protobuf/stubs/common.h"
@@ -228,10 +227,7 @@ Event EventFromHex(const std::string& line) {
 
 TraceWriter::TraceWriter(const std::string& path)
     : file_path(path), file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)) {
-    if (file < 0) {
-        throw BadInput("--trace: " + path +
-                       ": cannot be written: " + std::generic_category().message(errno));
-    }
+    if (file < 0) ThrowUnwritable(path, errno);
 }
 
 void TraceWriter::Write(const Event& event) {
@@ -258,13 +254,10 @@ void TraceWriter::Write(const Event& event) {
 }
 
 void TraceWriter::Finish() {
-    if (error == 0) return;
-    throw BadInput("--trace: " + file_path +
-                   ": could not be written to its end: " + std::generic_category().message(error));
+    if (error != 0) ThrowUnwritable(file_path, error);
 }
 
-void ReadTrace(const std::string& path, const TraceReader& reader) {
-    const std::string content = ReadInput(path);
+void ReadTrace(const std::string& path, const std::string& content, const TraceReader& reader) {
     if (IsCapture(content)) return ReadCapture(path, content, reader);
     std::istringstream lines(content);
     int number = 0;

@@ -111,6 +111,7 @@ TEST_F(TraceTest, CommandsTakeWhatIsATraceAndNameWhatIsNone) {
     } cases[] = {
             {"$sim decode - < hex", "modem -> velmar  REQUEST (4 bytes) without payload\n", 0},
             {"$sim decode t.pcap", "velmar -> modem  RESPONSE (2 bytes) without payload\n", 0},
+            {"cp t own; $sim decode --quiet --trace own own; cmp t own && echo same", "same", 0},
             {"$sim decode t.pcap", "of a message of 65568 bytes these were captured:\n", 0},
             {"head -c 100 t.pcap | $sim decode -", "-:2: expected a packet: truncated", 2},
             {"head -c 20 t.pcap | $sim decode -", "-: expected a capture: truncated", 2},
@@ -121,7 +122,7 @@ TEST_F(TraceTest, CommandsTakeWhatIsATraceAndNameWhatIsNone) {
             {"echo '{\"from\":\"modem\",\"bytes\":\"a*b\"}' | $sim decode -", row + "(bytes)", 2},
             {"echo '{\"from\":\"modem\"}' | $sim decode -", "expected bytes or message", 2},
             {"$run --trace no/t s", "--trace: no/t: cannot be written: No such file", 2},
-            {"$run --trace /dev/full s", "PASSED: 1 scenario, 8 steps\n--trace: /dev/full: could",
+            {"$run --trace /dev/full s", "PASSED: 1 scenario, 8 steps\n--trace: /dev/full: cannot",
              2},
             {"$replay t", "PASSED: 4 messages\n", 0},
             {"$replay --phone same t", "PASSED: 4 messages\n", 0},
