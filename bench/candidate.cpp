@@ -68,7 +68,10 @@ void BareChannel::Exchange(const std::string& request, const std::string& respon
 Candidate::Candidate(const std::string& executable, std::string mode, int modem_state)
     : simulation(InState(modem_state), executable, velmar_sim::PhoneFolder(), &events),
       bare_channel(simulation.folder()),
-      argument(std::move(mode)) {}
+      argument(std::move(mode)) {
+    // A log that somebody reads would show the speed of the reader.
+    simulation.folder().Remove(velmar_phone::kLogSocket);
+}
 
 void Candidate::StartIdle() {
     process = std::make_unique<velmar_sim::ChildProcess>(simulation.LaunchOf({argument}), nullptr,

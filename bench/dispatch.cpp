@@ -1,6 +1,5 @@
 #include "bench/dispatch.h"
 
-#include <android/log.h>
 #include <fcntl.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -54,9 +53,6 @@ void MeasureDispatch(int rounds) {
     phone.SetProperty("ro.product.model", "Phone");
     // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread looks at it.
     setenv(velmar_phone::kRootVariable, phone.root().c_str(), 1);
-    // Formatting a line counts, what becomes of it does not.
-    __android_log_set_logger([](const __android_logger_data*, const char*) {});
-
     BareChannel bare_channel(phone);
     const android::base::unique_fd bare_end(open(velmar_phone::kChannelDevice, O_RDWR));
     bare_channel.Accept();

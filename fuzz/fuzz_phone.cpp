@@ -1,6 +1,5 @@
 #include "fuzz_phone.h"
 
-#include <android/log.h>
 #include <fcntl.h>
 #include <google/protobuf/stubs/logging.h>
 #include <stdlib.h>
@@ -107,7 +106,6 @@ class FuzzHandler : public VelmarMessageHandler {
 class FuzzPhone {
   public:
     FuzzPhone() {
-        __android_log_set_logger([](const __android_logger_data*, const char*) {});
         google::protobuf::SetLogHandler(nullptr);
         umask(kUmask);
         Fill();

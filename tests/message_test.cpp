@@ -52,8 +52,10 @@ TEST(SitMessageTest, OnlyNewRequestsTakeATokenAndTakeThemInTurn) {
     EXPECT_EQ(NewRequest()->GetToken(), token + 1);
 }
 
+using SitMessageLogTest = LogTestCase;
+
 // Written by hand, so that the numbers on the wire are pinned.
-TEST(SitMessageTest, ReadsHeaderAsReceived) {
+TEST_F(SitMessageLogTest, ReadsHeaderAsReceived) {
     struct Case {
         const char* what;
         std::string bytes;
@@ -69,7 +71,6 @@ TEST(SitMessageTest, ReadsHeaderAsReceived) {
             {"temperature without a type", {"\x18\x01\x52\x00", 4}, "0 10 1 5"},
             {"input that stops midway", {"\x08\x01\x18\x05\x10", 5}, "1 0 5 5"},
     };
-    LogCapture log;
     for (const Case& row : cases) {
         SitMessage message(row.bytes.data(), static_cast<int>(row.bytes.size()));
         EXPECT_EQ(StringPrintf("%d %d %u %d", message.GetType(), message.GetMessageId(),
@@ -80,8 +81,7 @@ TEST(SitMessageTest, ReadsHeaderAsReceived) {
     EXPECT_EQ(log.TakeLines(), "E ParseFromArray failed");
 }
 
-TEST(SitMessageTest, WhatIsEmptyOrDoesNotFitIsNotEncoded) {
-    LogCapture log;
+TEST_F(SitMessageLogTest, WhatIsEmptyOrDoesNotFitIsNotEncoded) {
     char buffer[1];
     SitMessage without_envelope("\x08\x01", 0);
     EXPECT_FALSE(
@@ -134,8 +134,9 @@ class Flag : public Runnable {
     bool ran = false;
 };
 
-TEST(ThreadTest, DestructionWaitsForTheWorkOfAStartedThread) {
-    LogCapture log;
+using ThreadTest = LogTestCase;
+
+TEST_F(ThreadTest, DestructionWaitsForTheWorkOfAStartedThread) {
     Flag flag;
     { Thread unstarted(&flag); }
     EXPECT_EQ(log.TakeLines(), "I Thread is not started");

@@ -26,13 +26,18 @@ class PhoneFolderTestCase : public testing::Test {
     velmar_sim::PhoneFolder folder;
 };
 
-// The same with a modem and a thermal driver, which have threads.
-class PhoneTestCase : public PhoneFolderTestCase {
+// The same with its log, which has a thread.
+class LogTestCase : public PhoneFolderTestCase {
+  protected:
+    LogCapture log{folder};
+};
+
+// The same with a modem and a thermal driver.
+class PhoneTestCase : public LogTestCase {
   protected:
     velmar_sim::SimulatedModem modem{folder};
     velmar_sim::ThermalDriver thermal{folder};
     velmar_sim::FaultInjector injector{folder};
-    LogCapture log;
 };
 
 // A monitor without its thread, which would never end.

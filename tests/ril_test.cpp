@@ -48,13 +48,14 @@ class LoaderTest : public RadioTestCase {
 
     // What was logged, without the name of the class.
     std::string TakeLog() {
-        return StringReplace(log.TakeLines(LOG_ID_RADIO), "RilClientHelperDLImpl::", "", true);
+        return StringReplace(log.TakeLines(LogCapture::kRadioBuffer), "RilClientHelperDLImpl::", "",
+                             true);
     }
 };
 
 TEST_F(LoaderTest, WithoutALibraryTheInstanceStandsAndFails) {
     RilClientHelper* helper = RilClientHelper::GetInstance();
-    EXPECT_EQ(log.TakeLines(LOG_ID_RADIO),
+    EXPECT_EQ(log.TakeLines(LogCapture::kRadioBuffer),
               "I RilClientHelperDLImpl::RilClientHelperDLImpl create instance; "
               "I RilClientHelperDLImpl::Init; E RilClientHelperDLImpl::Init error: dlopen failure");
     Provide("full");

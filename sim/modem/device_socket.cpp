@@ -16,8 +16,8 @@ using android::base::unique_fd;
 
 constexpr int kListenBacklog = 64;
 
-unique_fd MakeSocket(int flags) {
-    unique_fd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | flags, 0));
+unique_fd MakeSocket(int type) {
+    unique_fd fd(socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
     if (fd < 0) ThrowErrno("socket");
     return fd;
 }
@@ -40,18 +40,27 @@ void CallWithAddress(int (*call)(int, const sockaddr*, socklen_t), const unique_
     }
 }
 
+unique_fd BindTo(const std::string& host_path, int type) {
+    unique_fd fd = MakeSocket(type | SOCK_NONBLOCK);
+    unlink(host_path.c_str());
+    CallWithAddress(bind, fd, host_path);
+    return fd;
+}
+
 }  // namespace
 
 unique_fd ListenAt(const std::string& host_path) {
-    unique_fd listener = MakeSocket(SOCK_NONBLOCK);
-    unlink(host_path.c_str());
-    CallWithAddress(bind, listener, host_path);
+    unique_fd listener = BindTo(host_path, SOCK_SEQPACKET);
     if (listen(listener.get(), kListenBacklog) != 0) ThrowErrno("listen " + host_path);
     return listener;
 }
 
+unique_fd ReceiveAt(const std::string& host_path) {
+    return BindTo(host_path, SOCK_DGRAM);
+}
+
 unique_fd ConnectTo(const std::string& host_path) {
-    unique_fd fd = MakeSocket(0);
+    unique_fd fd = MakeSocket(SOCK_SEQPACKET);
     CallWithAddress(connect, fd, host_path);
     return fd;
 }

@@ -27,7 +27,7 @@ constexpr char kUnfinishedFile[] = "/unfinished_file";
 
 // What the phone's boot makes and its services rely on.
 constexpr const char* kDirectories[] = {
-        "/dev",
+        "/dev/socket",
         kUnfinishedFiles,
         kMdsFiles,
         "/data/vendor/radio/extended_logs",

@@ -3,9 +3,11 @@
 #include <errno.h>
 #include <linux/sockios.h>
 #include <poll.h>
+#include <string.h>
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 
 #include <algorithm>
 #include <stdexcept>
@@ -33,12 +35,32 @@ constexpr int kPollMilliseconds = 2;
 // How many looks a message that left the socket has until it counts as lost with its reader: the
 // phone counts it a moment after it was read.
 constexpr int kMaxLooks = 50;
+constexpr int kOn = 1;
 constexpr uint32_t kUnknownTokenBit = 0x80000000;
 
 // Whether all that was sent over the socket was read, or went with its reader.
 bool IsDrained(int fd) {
     int unread = 0;
     return ioctl(fd, SIOCOUTQ, &unread) != 0 || unread == 0;
+}
+
+// As recv(2) without waiting; `sent` becomes the time at which the packet was written.
+ssize_t ReceivePacket(int fd, std::string* buffer, Clock::time_point* sent) {
+    iovec part = {buffer->data(), buffer->size()};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(timeval))];
+    msghdr packet = {};
+    packet.msg_iov = &part;
+    packet.msg_iovlen = 1;
+    packet.msg_control = control;
+    packet.msg_controllen = sizeof(control);
+    const ssize_t size = recvmsg(fd, &packet, MSG_DONTWAIT);
+    const cmsghdr* stamp = size > 0 ? CMSG_FIRSTHDR(&packet) : nullptr;
+    if (stamp == nullptr || stamp->cmsg_type != SO_TIMESTAMP) return size;
+    timeval moment = {};
+    memcpy(&moment, CMSG_DATA(stamp), sizeof(moment));
+    *sent = FromWallClock(std::chrono::seconds(moment.tv_sec) +
+                          std::chrono::microseconds(moment.tv_usec));
+    return size;
 }
 
 }  // namespace
@@ -79,6 +101,7 @@ void SimulatedModem::AcceptOpeners(Device* device) {
         if (connection.fd < 0) return;
         setsockopt(connection.fd.get(), SOL_SOCKET, SO_SNDBUF, &kSendBufferSize,
                    sizeof(kSendBufferSize));
+        setsockopt(connection.fd.get(), SOL_SOCKET, SO_TIMESTAMP, &kOn, sizeof(kOn));
         device->connections.push_back(std::move(connection));
         events->Emit({Event::Kind::kOpened, device->name});
         changed.notify_all();
@@ -294,13 +317,11 @@ bool SimulatedModem::DropHungUp() {
 
 // Takes one message of the service; returns false when it has closed the channel.
 bool SimulatedModem::ReceiveFrom(const Connection& connection, short happened) {
-    const auto receive = [&] {
-        return recv(connection.fd.get(), receive_buffer.data(), receive_buffer.size(),
-                    MSG_DONTWAIT);
-    };
-    ssize_t size = receive();
+    Event event = {Event::Kind::kReceived};
+    ssize_t size = ReceivePacket(connection.fd.get(), &receive_buffer, &event.time);
     // Tells that the service has not read everything; what it wrote comes after that.
-    if (size < 0 && errno == ECONNRESET) size = receive();
+    if (size < 0 && errno == ECONNRESET)
+        size = ReceivePacket(connection.fd.get(), &receive_buffer, &event.time);
     if (size < 0) return errno == EAGAIN;
     // What was written after the events were looked for is found next time.
     if (size == 0) return (happened & (POLLRDHUP | POLLHUP)) == 0;
@@ -308,7 +329,8 @@ bool SimulatedModem::ReceiveFrom(const Connection& connection, short happened) {
     message.bytes.assign(receive_buffer, 0, static_cast<size_t>(size));
     message.decoded = message.message.ParseFromString(message.bytes);
     if (!message.decoded) message.message.Clear();
-    events->Emit({Event::Kind::kReceived, message.bytes});
+    event.text = message.bytes;
+    events->Emit(event);
     if (message.message.type() == velmar_message::REQUEST) PlanResponses(message.message);
     {
         const std::lock_guard<std::mutex> guard(lock);

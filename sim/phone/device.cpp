@@ -36,6 +36,17 @@ Device* InternDevice(Phone* phone, std::string_view path, int access) {
     return device;
 }
 
+ssize_t SendPacket(int fd, const iovec* parts, size_t count) {
+    msghdr packet = {};
+    packet.msg_iov = const_cast<iovec*>(parts);
+    packet.msg_iovlen = count;
+    const ssize_t result = sendmsg(fd, &packet, MSG_NOSIGNAL);
+    if (result < 0 && (errno == EPIPE || errno == ECONNRESET || errno == ENOTCONN)) errno = EIO;
+    return result;
+}
+
+}  // namespace
+
 bool ConnectTo(int fd, const PathText& path) {
     // A socket's address is shorter than a path may be, the name of an open descriptor is not.
     const android::base::unique_fd file(open(path.text, O_PATH | O_CLOEXEC));
@@ -47,17 +58,6 @@ bool ConnectTo(int fd, const PathText& path) {
     const auto* target = reinterpret_cast<const sockaddr*>(&address);
     return TEMP_FAILURE_RETRY(connect(fd, target, sizeof(address))) == 0;
 }
-
-ssize_t SendPacket(int fd, const iovec* parts, size_t count) {
-    msghdr packet = {};
-    packet.msg_iov = const_cast<iovec*>(parts);
-    packet.msg_iovlen = count;
-    const ssize_t result = sendmsg(fd, &packet, MSG_NOSIGNAL);
-    if (result < 0 && (errno == EPIPE || errno == ECONNRESET || errno == ENOTCONN)) errno = EIO;
-    return result;
-}
-
-}  // namespace
 
 Device* FindDevice(int fd) {
     const bool is_in_table = fd >= 0 && fd < kMaxDescriptors;

@@ -36,6 +36,10 @@ struct Device {
     bool IsBoot() const { return path.View() == kBootDevice; }
 };
 
+// Connects `fd`, an AF_UNIX socket, to the one that listens or reads at `path`. Returns whether it
+// did, else sets errno. Any thread, signal handlers included.
+bool ConnectTo(int fd, const PathText& path);
+
 // Gives the device open as `fd`, or null for every other descriptor. Any thread.
 Device* FindDevice(int fd);
 

@@ -2,7 +2,6 @@
 // the dynamic linker binds them and their libraries to the functions in the second half of this
 // file. Each hands on to the next function of its name, which is libc's own.
 
-#include <android/log.h>
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -35,12 +34,12 @@ namespace {
 // clang-format off
 #define TAKEN_OVER(CALL) \
     CALL(access) CALL(bindtextdomain) CALL(chdir) CALL(chmod) CALL(close) CALL(dlopen) CALL(dup) \
-    CALL(dup2) CALL(fchmod) CALL(fchmodat) CALL(fclose) CALL(fcntl) CALL(fopen64) CALL(fstat64) \
-    CALL(ioctl) CALL(link) CALL(lstat) CALL(lstat64) CALL(mkdir) CALL(mkdtemp) CALL(mkstemp64) \
-    CALL(nftw64) CALL(open) CALL(open64) CALL(openat) CALL(poll) CALL(read) CALL(readlink) \
-    CALL(realpath) CALL(remove) CALL(rename) CALL(rmdir) CALL(select) CALL(sendfile) CALL(stat) \
-    CALL(statvfs) CALL(symlink) CALL(truncate) CALL(unlink) CALL(unlinkat) CALL(utimensat) \
-    CALL(write) CALL(writev)
+    CALL(dup2) CALL(fchmod) CALL(fchmodat) CALL(fclose) CALL(fcntl) CALL(fopen) CALL(fopen64) \
+    CALL(fstat) CALL(fstat64) CALL(ioctl) CALL(link) CALL(lstat) CALL(lstat64) CALL(mkdir) \
+    CALL(mkdtemp) CALL(mkstemp64) CALL(nftw64) CALL(open) CALL(open64) CALL(openat) CALL(poll) \
+    CALL(read) CALL(readlink) CALL(realpath) CALL(remove) CALL(rename) CALL(rmdir) CALL(select) \
+    CALL(sendfile) CALL(stat) CALL(statvfs) CALL(symlink) CALL(truncate) CALL(unlink) \
+    CALL(unlinkat) CALL(utimensat) CALL(write) CALL(writev)
 // clang-format on
 
 struct LibcCalls {
@@ -69,8 +68,6 @@ const LibcCalls& Libc() {
 [[gnu::constructor]] void SetUp() {
     Libc();
     g_is_set_up = true;
-    // The phone's log keeps every priority, the workstation's drops the lowest.
-    if (CurrentPhone() != nullptr) __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
 }
 
 constexpr LastLink kFollow = LastLink::kFollow;
@@ -147,6 +144,13 @@ FILE* OpenDeviceStream(const PhonePath& at, const char* mode) {
     const int access = strchr(mode, '+') ? O_RDWR : mode[0] == 'r' ? O_RDONLY : O_WRONLY;
     const int fd = OpenDevice(at.phone, at.resolved, access | O_CLOEXEC);
     return fd < 0 ? nullptr : fdopen(fd, mode);
+}
+
+FILE* OpenStream(const char* path, const char* mode, FILE* (*call)(const char*, const char*)) {
+    return OnPath("open", path, kFollow, [&](auto& at) {
+        FILE* stream = call(at, mode);
+        return stream == nullptr && at.IsRefusedDevice() ? OpenDeviceStream(at, mode) : stream;
+    });
 }
 
 // Puts the name that libc has made of the template `at` into `path`, the program's own.
@@ -256,11 +260,26 @@ int openat(int folder, const char* path, int flags, ...) {
     return Open(path, flags, [&](auto& at) { return Libc().openat(folder, at, flags, mode); });
 }
 
+// What programs compiled with checks of glibc call in the place of open, open64 and read.
+int __open_2(const char* path, int flags) {
+    return open(path, flags);
+}
+
+int __open64_2(const char* path, int flags) {
+    return open64(path, flags);
+}
+
+ssize_t __read_chk(int fd, void* data, size_t size, size_t room) {
+    if (size > room) abort();
+    return read(fd, data, size);
+}
+
+FILE* fopen(const char* path, const char* mode) {
+    return OpenStream(path, mode, Libc().fopen);
+}
+
 FILE* fopen64(const char* path, const char* mode) {
-    return OnPath("open", path, kFollow, [&](auto& at) {
-        FILE* stream = Libc().fopen64(at, mode);
-        return stream == nullptr && at.IsRefusedDevice() ? OpenDeviceStream(at, mode) : stream;
-    });
+    return OpenStream(path, mode, Libc().fopen64);
 }
 
 int mkstemp64(char* path) {
@@ -324,6 +343,11 @@ int fcntl(int fd, int command, ...) {
     const int result = Libc().fcntl(fd, command, argument);
     const bool is_copy = command == F_DUPFD || command == F_DUPFD_CLOEXEC;
     return is_copy ? CopyDescriptor(fd, result) : result;
+}
+
+int fstat(int fd, struct stat* status) {
+    const auto hit = TakeDescriptorFault("stat", fd);
+    return hit ? ResultOf(*hit) : Libc().fstat(fd, status);
 }
 
 int fstat64(int fd, struct stat64* status) {

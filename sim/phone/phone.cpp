@@ -52,6 +52,7 @@ Phone* LoadPhone(std::string_view root) {
     if (!MapState(phone)) {
         Die(root, "expected a file phone_state in it, of the size that this build gives it");
     }
+    phone->log = -1;
     // Two threads may load the same phone at once. Both copies work; later calls find the last one.
     phone->next = g_phones.load();
     while (!g_phones.compare_exchange_weak(phone->next, phone)) {

@@ -23,6 +23,12 @@ constexpr std::string_view kPhonePaths[] = {
         kChannelDevice, kBootDevice,
 };
 
+// Below the folder: the socket that log lines go to as datagrams, in the form in which liblog
+// writes to logd: number of the buffer (1 byte), thread (2), seconds and nanoseconds of the wall
+// clock (4 and 4, all little-endian), priority (1), tag, 0, text, 0. Without it nobody reads the
+// log.
+constexpr char kLogSocket[] = "/dev/socket/logdw";
+
 // State of the modem as the boot device's ioctl gives it.
 constexpr unsigned long kBootStateIoctl = 0x6F27;
 

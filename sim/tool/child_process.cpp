@@ -5,7 +5,6 @@
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -149,13 +148,6 @@ bool ChildProcess::IsRunning() {
         Kill();
     }
     return running;
-}
-
-bool ChildProcess::HasUnreadOutput() const {
-    return std::any_of(outputs.begin(), outputs.end(), [](const unique_fd& output) {
-        int waiting = 0;
-        return ioctl(output.get(), FIONREAD, &waiting) == 0 && waiting > 0;
-    });
 }
 
 void ChildProcess::Signal(int number) const {

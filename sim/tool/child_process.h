@@ -50,9 +50,6 @@ class ChildProcess {
     // How it ended, as wait gives it. Only after the end.
     int wait_status() const { return status; }
 
-    // Whether something that it wrote waits to be read.
-    bool HasUnreadOutput() const;
-
     // Sends a signal; only while it runs.
     void Signal(int number) const;
 

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "sim/modem/event.h"
+#include "sim/modem/log_socket.h"
 
 namespace velmar_sim {
 
@@ -16,32 +17,18 @@ namespace velmar_sim {
 constexpr char kStandardErrorTag[] = "stderr";
 constexpr char kStandardOutputTag[] = "stdout";
 
-// One line of the phone's log: an event of the kind kLog, with "VDIWEF" as priorities, and ' ' for
-// what was written outside of the log. Its text may hold line feeds.
-using LogLine = Event;
-
-// Finds the log lines in what one program writes. One thread.
-class LogLineParser {
-  public:
-    // `plain_tag` is the tag of lines that do not come from the log.
-    explicit LogLineParser(std::string plain_tag);
-
-    // The lines that end in `written`, the bytes of one write of the program; empty at the end,
-    // when a last line may lack its line feed. The log writes each of its lines at once, so a line
-    // feed inside a line of the log is part of its text.
-    std::vector<LogLine> Parse(const std::string& written);
-
-  private:
-    const std::string tag;
-    std::string unfinished;
-};
-
-// All lines of a phone's log, in the order of their arrival. Any thread.
+// All lines of a phone's log, and what its programs write elsewhere, in the order in which they
+// were written; each is posted as an event too. Any thread.
 class LogStream {
   public:
     using Matcher = std::function<bool(const LogLine&)>;
 
-    void Append(const std::vector<LogLine>& more);
+    // `event_stream` is borrowed, and not used by another thread meanwhile, nor when this ends.
+    // Throws std::runtime_error.
+    LogStream(const PhoneFolder& folder, EventStream* event_stream);
+    ~LogStream();
+
+    void Append(const LogLine& line);
 
     // Position of the first line that `matches`, from position `begin` on; waits up to `timeout`
     // for one.
@@ -49,15 +36,17 @@ class LogStream {
                                std::chrono::milliseconds timeout);
 
     // The lines from position `begin` on.
-    std::vector<LogLine> From(size_t begin) const;
+    std::vector<LogLine> From(size_t begin);
 
     // The last lines, at most `count`.
-    std::vector<LogLine> Last(size_t count) const;
+    std::vector<LogLine> Last(size_t count);
 
   private:
-    mutable std::mutex lock;
+    EventStream* const events;
+    std::mutex lock;
     std::condition_variable grown;
     std::vector<LogLine> lines;
+    LogSocket socket;
 };
 
 // Whether the line begins a report of a sanitizer.

@@ -72,6 +72,7 @@ Simulation::Simulation(const Phone& description, const std::string& velmar, Phon
       umask_of_programs(ModeFromText(description.umask()).value_or(0)),
       library_path(LibraryPath(description, velmar)),
       phone_folder(std::move(folder)),
+      log_stream(phone_folder, events),
       simulated_modem(phone_folder, events),
       thermal_driver(phone_folder, events),
       fault_injector(phone_folder, events),
@@ -126,10 +127,19 @@ std::unique_ptr<ChildProcess> Simulation::Start(const std::vector<std::string>& 
 }
 
 ChildProcess::OutputReader Simulation::ToLog(const char* plain_tag) {
-    return [this, parser = std::make_shared<LogLineParser>(plain_tag)](const std::string& written) {
-        const auto lines = parser->Parse(written);
-        for (const LogLine& line : lines) events->Emit(line);
-        log_stream.Append(lines);
+    return [this, plain_tag,
+            unfinished = std::make_shared<std::string>()](const std::string& written) {
+        *unfinished += written;
+        // The last line may lack its line feed.
+        if (written.empty() && !unfinished->empty()) *unfinished += '\n';
+        const size_t end = unfinished->rfind('\n') + 1;
+        for (size_t begin = 0; begin < end;) {
+            const size_t line_end = unfinished->find('\n', begin);
+            log_stream.Append(
+                    {Event::Kind::kLog, unfinished->substr(begin, line_end - begin), plain_tag});
+            begin = line_end + 1;
+        }
+        unfinished->erase(0, end);
     };
 }
 

@@ -119,6 +119,7 @@ void StepPlayer::Finish() {
     service_expected = false;
     simulation->radio().Look();
     simulation->faults().Look();
+    events->Flush();
     if (simulation->log().Find(0, IsSanitizerReport, milliseconds(0))) {
         throw StepFailure("a sanitizer reported a fault of velmar");
     }
@@ -233,8 +234,6 @@ void StepPlayer::SendFurtherChunks(FilePush* file) {
         events->Emit(progress);
     }
     WaitUntilEqual([file] { return file->StoredDifference(); });
-    // Log lines that are read late belong to the repetition too.
-    WaitUntil(within, [this] { return !service->HasUnreadOutput(); });
 }
 
 void StepPlayer::SendChunk(const FilePush& file) {
@@ -410,6 +409,7 @@ void StepPlayer::CheckService() {
     ThrowIfInterrupted();
     simulation->radio().Look();
     simulation->faults().Look();
+    events->Flush();
     if (!service_expected || end_awaited || service->IsRunning()) return;
     service_expected = false;
     throw UnexpectedEnd(service->wait_status());

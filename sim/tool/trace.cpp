@@ -103,6 +103,8 @@ TraceRow RowFrom(const Event& event) {
         case Event::Kind::kLog:
             row.set_log(event.priority == ' ' ? "" : std::string(1, event.priority));
             row.set_tag(event.tag);
+            if (event.number != 0) row.set_thread(static_cast<uint32_t>(event.number));
+            if (event.total != 0) row.set_buffer(static_cast<uint32_t>(event.total));
             SetText(event.text, &row);
             break;
         case Event::Kind::kFault:
@@ -162,6 +164,8 @@ Event LogFrom(const TraceRow& row, const std::string& text) {
     Require(priority.has_value(), "a priority such as \"I\", found " + QuoteBytes(row.log()));
     Event event = {Event::Kind::kLog, text, row.tag()};
     event.priority = *priority;
+    event.number = row.thread();
+    event.total = row.buffer();
     return event;
 }
 

@@ -1,6 +1,6 @@
 #!/bin/sh
 # Proves that no path of the phone gets past libvelmar_phone.so to the workstation:
-#  1. of the C library's calls that take a path or work on a device it takes over each one that
+#  1. of the calls that take a path, work on a device or write to the log it takes over each one that
 #     PROGRAM imports, or LIBRARY, which PROGRAM loads as it runs, or a library of PROGRAM;
 #  2. COMMAND, run under strace, names no path of the phone to the kernel.
 # COMMAND brings its phone along, as velmar_sim does, or finds it by VELMAR_PHONE_ROOT.
@@ -37,13 +37,17 @@ l?xstat fxstatat'
 device_calls='close(_range|from)? copy_file_range dup[23]? epoll_ctl fchmod fclose fcntl fx?stat ioctl
 p?poll p?select readv? sendfile splice tee vmsplice writev?'
 
+# The calls of liblog that write a line.
+log_calls='android_log_(buf_)?(v?print|write) android_log_(assert|write_log(ger_data|_message))
+android_log_(b|bt|bs|error_|security_bs?|stats_b)write'
+
 LD_TRACE_LOADED_OBJECTS=1 ${EMULATOR:-} "$program" | grep -o '/[^ ]*' >"$work/loaded"
 head -n 1 "$work/loaded" | grep -q '/libvelmar_phone\.so$' ||
     fail "$program does not load libvelmar_phone.so before its other libraries"
 grep -vE '/(libc|ld-[^/]*|libvelmar_phone)\.so[^/]*$' "$work/loaded" |
     xargs nm -D --undefined-only "$program" "$library" | sed -n 's/.* [Uw] \([^@]*\).*/\1/p' |
     sort -u | sed -E 'h; s/^(__|_IO_)//; s/_(chk|2)$//; s/64$//; G; s/\n/ /' >"$work/imports"
-echo $path_calls $device_calls | tr ' ' '\n' | sed 's/.*/^(&) /' >"$work/patterns"
+echo $path_calls $device_calls $log_calls | tr ' ' '\n' | sed 's/.*/^(&) /' >"$work/patterns"
 grep -E -f "$work/patterns" "$work/imports" | cut -d' ' -f2 | sort >"$work/required"
 nm -D --defined-only "$phone" | awk '{ print $3 }' | sort >"$work/taken_over"
 grep -qx read "$work/required" || fail "the imports of $program were not found"

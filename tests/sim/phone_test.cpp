@@ -5,6 +5,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/eventfd.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,13 +13,17 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <vector>
 
 #include <android-base/unique_fd.h>
+#include <android/log.h>
 #include <cutils/properties.h>
 #include <gtest/gtest.h>
 #include <sys/system_properties.h>
 
+#include "sim/modem/device_socket.h"
 #include "sim/modem/fault_injector.h"
+#include "sim/modem/log_socket.h"
 #include "sim/modem/phone_folder.h"
 #include "sim/modem/simulated_modem.h"
 #include "sim/phone/phone_state.h"
@@ -29,7 +34,7 @@ namespace fs = std::filesystem;
 using android::base::unique_fd;
 using velmar_phone::kBootDevice;
 using velmar_phone::kChannelDevice;
-using std::chrono_literals::operator""s;
+using std::chrono_literals::operator""ms;
 
 // No other thread runs while a test changes its environment. Null unsets the variable.
 void SetRoot(const char* root) {
@@ -159,6 +164,59 @@ TEST_F(PhoneTest, PropertiesFollowTheRulesOfThePlatform) {
     EXPECT_EQ(std::distance(fs::directory_iterator(phone.root() + "/properties"), {}), 5);
 }
 
+TEST_F(PhoneTest, LogLinesKeepTheirTimeThreadBufferAndPriority) {
+    std::vector<velmar_sim::LogLine> lines;
+    velmar_sim::LogSocket log(phone, [&](const auto& line) { lines.push_back(line); });
+    const auto begin = velmar_sim::Clock::now();
+    __android_log_print(ANDROID_LOG_VERBOSE, "velmar", "two\nlines, %d", 2);
+    __android_log_buf_print(LOG_ID_RADIO, ANDROID_LOG_FATAL, "radio", "%s", "");
+    __android_log_print(ANDROID_LOG_INFO, "velmar", "%s", std::string(2000, 'x').c_str());
+    const auto end = velmar_sim::Clock::now();
+    SetRoot(nullptr);
+    testing::internal::CaptureStderr();
+    __android_log_print(ANDROID_LOG_ERROR, "velmar", "without a phone");
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("without a phone"), std::string::npos);
+    log.Drain();
+
+    ASSERT_EQ(lines.size(), 3U);
+    const struct {
+        char priority;
+        std::string tag, text;
+        int64_t buffer;
+    } kExpected[] = {{'V', "velmar", "two\nlines, 2", 0},
+                     {'F', "radio", "", LOG_ID_RADIO},
+                     {'I', "velmar", std::string(1023, 'x'), 0}};
+    for (size_t i = 0; i < lines.size(); ++i) {
+        EXPECT_EQ(lines[i].priority, kExpected[i].priority);
+        EXPECT_EQ(lines[i].tag, kExpected[i].tag);
+        EXPECT_EQ(lines[i].text, kExpected[i].text);
+        EXPECT_EQ(lines[i].total, kExpected[i].buffer);
+        EXPECT_EQ(lines[i].number, gettid() & 0xFFFF);
+        // The wall clock may be adjusted meanwhile.
+        EXPECT_GE(lines[i].time, begin - 1ms);
+        EXPECT_LE(lines[i].time, end + 1ms);
+    }
+}
+
+TEST_F(PhoneTest, ALogThatNobodyReadsStopsNobodyAndSaysWhatItLost) {
+    const unique_fd log = velmar_sim::ReceiveAt(phone.HostPath(velmar_phone::kLogSocket));
+    const auto read_line = [&] {
+        std::string line(1000, '\0');
+        const ssize_t size = recv(log, line.data(), line.size(), MSG_DONTWAIT);
+        return size < 0 ? "" : line.substr(line.find('\0', 12) + 1);
+    };
+    // More than the kernel keeps for a socket.
+    constexpr int kLines = 1000;
+    for (int i = 0; i < kLines; ++i) __android_log_print(ANDROID_LOG_INFO, "velmar", "line");
+    int kept = 0;
+    while (!read_line().empty()) ++kept;
+    EXPECT_GT(kept, 1);
+    __android_log_print(ANDROID_LOG_INFO, "velmar", "there is room again");
+    const std::string lost = std::to_string(kLines - kept) + " lines lost: the log was not read";
+    EXPECT_STREQ(read_line().c_str(), lost.c_str());
+    EXPECT_STREQ(read_line().c_str(), "there is room again");
+}
+
 TEST_F(DeviceTest, OpenHonoursItsFlags) {
     for (const int flags : {O_RDWR | O_CLOEXEC, O_RDONLY, O_WRONLY}) {
         const unique_fd fd(open(kChannelDevice, flags | O_NONBLOCK));
@@ -181,11 +239,11 @@ TEST_F(DeviceTest, AModemThatIsGoneGivesErrors) {
     EXPECT_EQ(open(kChannelDevice, O_RDWR) < 0 ? errno : 0, ENXIO);
 }
 
-TEST_F(DeviceTest, ANumberThatIsUsedAgainIsNoDevice) {
+// Without a modem, whose thread takes a number whenever it looks for those who open a device.
+TEST_F(PhoneTest, ANumberThatIsUsedAgainIsNoDevice) {
+    const unique_fd listener = velmar_sim::ListenAt(phone.HostPath(kChannelDevice));
     const uint64_t one = 1;
     const int fd = open(kChannelDevice, O_RDONLY);
-    // From then on the modem opens nothing, so that the number is the next that is free.
-    EXPECT_TRUE(modem.WaitForChannel(5s));
     EXPECT_EQ(close(fd), 0);
     const unique_fd event(eventfd(0, EFD_CLOEXEC));
     ASSERT_EQ(event, fd);

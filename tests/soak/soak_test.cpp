@@ -110,8 +110,7 @@ class SoakTest : public testing::Test {
         if (!service.IsRunning()) std::cerr << ChildProcess::DescribeEnd(service.wait_status());
     }
 
-    // Counts lines of the log, each of which is one write of the service.
-    void ReadLog(const std::string& line) {
+    void CountLine(const std::string& line) {
         if (line.find("Modem state changed from ") != std::string::npos) ++changes_logged;
         if (line.find(" response successful") != std::string::npos) ++responses_logged;
     }
@@ -238,8 +237,10 @@ class SoakTest : public testing::Test {
             FromText<velmar_sim::Phone>(kPhone), VELMAR_PATH, {}, &events};
     std::atomic<int> changes_logged = 0;
     std::atomic<int> responses_logged = 0;
-    ChildProcess service{simulation.LaunchOf({"--server"}), nullptr,
-                         [this](const std::string& written) { ReadLog(written); }};
+    // In the place of the simulation's, which keeps all lines.
+    velmar_sim::LogSocket log{simulation.folder(),
+                              [this](const velmar_sim::LogLine& line) { CountLine(line.text); }};
+    ChildProcess service{simulation.LaunchOf({"--server"}), nullptr, nullptr};
     std::unique_ptr<ChildProcess> client;
 
     // Results in the responses that have to come, by token.
