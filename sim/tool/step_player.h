@@ -43,7 +43,9 @@ class StepPlayer {
     // times as long as the steps say.
     StepPlayer(const Phone& phone, double factor, Simulation* simulation, EventStream* events);
 
-    // Starts the service, if the phone has one. Before the first step.
+    // Starts the service, if the phone has one, and waits until it has written its number into its
+    // pid file or has ended, at most as long as a step may take that does not say. Before the first
+    // step.
     void Start();
 
     // Plays one step. An end of the service is a failure unless `is_end_awaited`.
@@ -103,7 +105,7 @@ class StepPlayer {
     bool service_expected = false;
     bool end_awaited = false;
     // Of the step being played.
-    Milliseconds within{0};
+    Milliseconds within;
     // The step played last has sent a message.
     bool has_sent = false;
     // Log lines before this one are done with.
