@@ -1,14 +1,11 @@
 #pragma once
 
-#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <deque>
-#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace velmar_sim {
@@ -50,8 +47,7 @@ struct Event {
     std::chrono::microseconds since_boot = {};
 };
 
-// Shows or records events. One call at a time, each on the thread on which the event happened,
-// while the modem may be locked: a writer must not call the modem.
+// Shows or records events. One call at a time.
 class EventWriter {
   public:
     virtual ~EventWriter() = default;
@@ -61,89 +57,47 @@ class EventWriter {
     virtual void Finish() {}
 };
 
-// The steady clock's time of a moment of the wall clock, which must not have been set since.
-inline Clock::time_point FromWallClock(std::chrono::nanoseconds moment) {
-    constexpr std::chrono::microseconds kAtOnce{20};
-    for (int tries = 1;; ++tries) {
-        const auto before = Clock::now();
-        const auto age = std::chrono::system_clock::now().time_since_epoch() - moment;
-        const auto now = Clock::now();
-        // Otherwise this thread slept in between.
-        if (now - before < kAtOnce || tries == 10) return std::min(now, now - age);
-    }
-}
-
-// Hands the events of a simulated phone, which boots when the stream is made, to its writers. Any
+// The steady clock's time of a moment of the wall clock, which must not have been set since. Any
 // thread.
+Clock::time_point FromWallClock(std::chrono::nanoseconds moment);
+
+// Puts the events of a simulated phone, which boots when the stream is made, in the order of their
+// times, and hands them to its writers. Any thread, but for Attach and Show.
 class EventStream {
   public:
-    // Where to look for events that have happened and that nobody has posted yet. No other thread
-    // uses the stream meanwhile.
-    void SetSource(std::function<void()> look) { source = std::move(look); }
+    EventStream() = default;
+    // Shows what has not been shown yet.
+    ~EventStream() { Show(Which::kAll); }
+    EventStream(const EventStream&) = delete;
+    EventStream& operator=(const EventStream&) = delete;
 
-    // Takes an event, and returns at once: it is shown before the next one that is emitted and has
-    // happened later, or by Flush().
-    void Post(const Event& event) {
-        const std::lock_guard<std::mutex> guard(posted_lock);
-        posted.push_back(event);
-    }
+    // `writer`, which is borrowed, gets all events from now on. Without any writer events are
+    // forgotten. Before the first event.
+    void Attach(EventWriter* writer) { writers.push_back(writer); }
 
-    // `writer`, which is borrowed, gets all events from now on.
-    void Attach(EventWriter* writer) {
-        const std::lock_guard<std::mutex> guard(lock);
-        writers.push_back(writer);
-    }
-
-    void Emit(Event event) {
-        if (source) source();
-        const std::lock_guard<std::mutex> guard(lock);
-        ShowPosted(event.time);
-        Show(&event);
-    }
-
-    // Shows what has happened so far.
-    void Flush() {
-        if (source) source();
-        const std::lock_guard<std::mutex> guard(lock);
-        ShowPosted(Clock::time_point::max());
-    }
+    // Returns at once, whatever the writers do.
+    void Emit(Event event);
 
     void EmitText(const std::string& text) { Emit({Event::Kind::kText, text}); }
 
+    // Hands over all events, or those that are older than 50 ms: several threads find what happens,
+    // and one may still find something that happened before what another one has found. One thread
+    // at a time.
+    enum class Which { kSettled, kAll };
+    void Show(Which which = Which::kSettled);
+
     // How long nothing has happened.
-    Clock::duration QuietTime() const {
-        const std::lock_guard<std::mutex> guard(lock);
-        return Clock::now() - last;
-    }
+    Clock::duration QuietTime() const;
 
   private:
-    // Both are called with the lock held.
-    void ShowPosted(Clock::time_point until) {
-        while (std::optional<Event> event = TakePosted(until)) Show(&*event);
-    }
-    void Show(Event* event) {
-        // Times never run backwards: an event that is found late takes the time of the last one.
-        last = std::max(last, event->time);
-        event->since_boot = std::chrono::duration_cast<std::chrono::microseconds>(last - boot);
-        for (EventWriter* writer : writers) writer->Write(*event);
-    }
-
-    // Writers may wait, those who post must not.
-    std::optional<Event> TakePosted(Clock::time_point until) {
-        const std::lock_guard<std::mutex> guard(posted_lock);
-        if (posted.empty() || posted.front().time > until) return std::nullopt;
-        Event event = std::move(posted.front());
-        posted.pop_front();
-        return event;
-    }
+    std::optional<Event> Take(Clock::time_point until);
 
     const Clock::time_point boot = Clock::now();
-    std::function<void()> source;
-    std::mutex posted_lock;
-    std::deque<Event> posted;
-    mutable std::mutex lock;
-    Clock::time_point last = boot;
     std::vector<EventWriter*> writers;
+    mutable std::mutex lock;
+    std::deque<Event> kept_back;
+    Clock::time_point newest = boot;
+    Clock::time_point last_shown = boot;
 };
 
 // A stream for whoever needs none. Any thread.

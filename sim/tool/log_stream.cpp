@@ -7,19 +7,13 @@
 namespace velmar_sim {
 
 LogStream::LogStream(const PhoneFolder& folder, EventStream* event_stream)
-    : events(event_stream), socket(folder, [this](const LogLine& line) { Append(line); }) {
-    events->SetSource([this] { socket.Drain(); });
-}
-
-LogStream::~LogStream() {
-    events->SetSource(nullptr);
-}
+    : events(event_stream), socket(folder, [this](const LogLine& line) { Append(line); }) {}
 
 void LogStream::Append(const LogLine& line) {
+    events->Emit(line);
     {
         const std::lock_guard<std::mutex> guard(lock);
         lines.push_back(line);
-        events->Post(line);
     }
     grown.notify_all();
 }

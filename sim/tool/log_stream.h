@@ -18,15 +18,13 @@ constexpr char kStandardErrorTag[] = "stderr";
 constexpr char kStandardOutputTag[] = "stdout";
 
 // All lines of a phone's log, and what its programs write elsewhere, in the order in which they
-// were written; each is posted as an event too. Any thread.
+// were written; each is an event too. Any thread.
 class LogStream {
   public:
     using Matcher = std::function<bool(const LogLine&)>;
 
-    // `event_stream` is borrowed, and not used by another thread meanwhile, nor when this ends.
-    // Throws std::runtime_error.
+    // `event_stream` is borrowed. Throws std::runtime_error.
     LogStream(const PhoneFolder& folder, EventStream* event_stream);
-    ~LogStream();
 
     void Append(const LogLine& line);
 

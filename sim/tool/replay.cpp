@@ -154,6 +154,7 @@ class Replayer {
         } catch (const std::exception& error) {
             stop = Place(row) + error.what() + "\n";
         }
+        session->events().Show(EventStream::Which::kAll);
         ReplayResult result = Compare();
         result.failure += stop;
         return result;

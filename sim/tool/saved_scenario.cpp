@@ -19,7 +19,8 @@ constexpr milliseconds kAtOnce{1};
 
 // The next run may be slower.
 uint32_t Generous(Clock::duration time) {
-    const auto ms = std::chrono::duration_cast<milliseconds>(time).count();
+    const auto ms =
+            std::max<milliseconds::rep>(std::chrono::duration_cast<milliseconds>(time).count(), 0);
     return static_cast<uint32_t>(2 * ms + 100);
 }
 
@@ -48,7 +49,7 @@ std::string TextOf(const Scenario& part) {
 
 void SavedScenario::Write(const Event& event) {
     const std::lock_guard<std::mutex> guard(lock);
-    last_event = Clock::now();
+    last_event = event.time;
     if (last_item == Clock::time_point()) last_item = last_event;
     // The player takes the responses to what it pushes.
     const bool is_push = current != items.end() && current->step.has_push();

@@ -32,6 +32,7 @@ PhoneFolder Begin(const std::string& title, Phone phone, const SessionOptions& o
     for (File& file : *phone.mutable_file()) file = WithContent(file);
     events->Emit({Event::Kind::kPhone, phone.SerializeAsString()});
     if (options.keep.empty()) return PhoneFolder();
+    events->Show(EventStream::Which::kAll);
     PhoneFolder folder(options.keep == kKeepAnywhere ? MakeFolder("kept") : options.keep);
     std::cout << "folder " << folder.root() << std::endl;
     return folder;

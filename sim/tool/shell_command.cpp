@@ -154,9 +154,12 @@ class Shell {
     }
 
     void Say(const std::string& text, int its_status) {
+        ShowAll();
         std::cerr << text + "\n" << std::flush;
         status = std::max(status, its_status);
     }
+
+    void ShowAll() { session.events().Show(EventStream::Which::kAll); }
 
     // Shows what happens between two lines. In a pipe the next line may await the end of the
     // service. Returns false after a signal.
@@ -166,6 +169,7 @@ class Shell {
     }
 
     void Execute(const std::string& text, const std::string& trimmed) {
+        ShowAll();
         const size_t middle = std::min(trimmed.find(' '), trimmed.size());
         const std::string command = trimmed.substr(0, middle);
         const std::string argument = android::base::Trim(trimmed.substr(middle));
@@ -185,6 +189,7 @@ class Shell {
     void Save(const std::string& path) {
         if (path.empty()) throw BadInput("save: expected the name of a file");
         Try([this] { session.player().AwaitQuiet(); });
+        ShowAll();
         const std::string folder = std::filesystem::absolute(path).parent_path();
         if (!android::base::WriteStringToFile(saved.Text(folder), path, true)) {
             throw BadInput("save: " + path + ": cannot be written: " + strerrordesc_np(errno));
@@ -199,7 +204,10 @@ class Shell {
         }
         saved.Begin(step);
         bool has_passed = false;
-        const auto note = android::base::make_scope_guard([&] { saved.End(has_passed); });
+        const auto note = android::base::make_scope_guard([&] {
+            ShowAll();
+            saved.End(has_passed);
+        });
         player.Play(step, step.has_exit());
         has_passed = true;
     }

@@ -157,7 +157,7 @@ void StepPlayer::Finish() {
     service_expected = false;
     simulation->radio().Look();
     simulation->faults().Look();
-    events->Flush();
+    events->Show(EventStream::Which::kAll);
     if (simulation->log().Find(0, IsSanitizerReport, milliseconds(0))) {
         throw StepFailure("a sanitizer reported a fault of velmar");
     }
@@ -462,7 +462,7 @@ void StepPlayer::CheckService() {
     ThrowIfInterrupted();
     simulation->radio().Look();
     simulation->faults().Look();
-    events->Flush();
+    events->Show();
     if (!service_expected || end_awaited || service->IsRunning()) return;
     service_expected = false;
     throw UnexpectedEnd(service->wait_status());
