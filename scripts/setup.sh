@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs the Debian 12 packages that the project needs and the machine lacks.
+# Installs the packages of Debian 12 or 13 that the project needs and the machine lacks.
 # Usage: scripts/setup.sh [build|package|all]
 #   build  what building, the demo and the tests need (the default)
 #   package
@@ -26,7 +26,7 @@ case "${*:-build}" in
         packages+=(
             "${for_package[@]}"
             clang clang-format clang-tidy git libclang-rt-14-dev llvm libc++-dev libc++abi-dev
-            blueprint-tools checkpolicy m4 selinux-utils shellcheck
+            blueprint-tools checkpolicy m4 mmdebstrap selinux-utils shellcheck
             g++-aarch64-linux-gnu qemu-user-static tshark
             {libprotobuf,android-liblog,android-libbase,libedit,libgmock,libgtest,libpcap}-dev:arm64
         )
