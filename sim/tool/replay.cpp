@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <map>
+#include <set>
 #include <utility>
 
 #include "sim/tool/bad_input.h"
@@ -59,13 +60,33 @@ struct Expected {
     // Rows of the modem's responses.
     std::vector<size_t> responses;
     std::optional<Sent> actual;
-    bool given_up = false;
+};
+
+// Some of the expected messages, in their order. Those before `next` no longer count.
+struct Queue {
+    std::vector<size_t> members;
+    size_t next = 0;
 };
 
 struct PlannedResponse {
     size_t row;
     uint32_t token;
 };
+
+bool IsResponse(const Sent& sent) {
+    return sent.group.rfind(kResponseGroup, 0) == 0;
+}
+
+// Takes `line` out of `from`, or adds it to `to` if it is not there.
+void Cancel(const std::string& line, std::multiset<std::string>* from,
+            std::multiset<std::string>* to) {
+    const auto found = from->find(line);
+    if (found == from->end()) {
+        to->insert(line);
+    } else {
+        from->erase(found);
+    }
+}
 
 // Messages that one thread of the service sends have the same group: its responses, of which those
 // to one token are told apart by their order alone, and its requests of one kind.
@@ -119,7 +140,10 @@ class Replayer {
           is_fast(fast),
           factor(time_factor),
           session(replaying_session),
-          is_response(recorded.rows.size()) {
+          is_response(recorded.rows.size()),
+          ends_awaited(AwaitedEnds(recorded.rows.size(), [&recorded](size_t row) {
+              return StepFrom(recorded.rows[row].event).action_case();
+          })) {
         for (size_t row = 0; row < trace.rows.size(); ++row) {
             const Event& event = trace.rows[row].event;
             times.push_back(event.since_boot);
@@ -140,11 +164,13 @@ class Replayer {
             session->player().Start();
             for (; row < trace.rows.size(); ++row) {
                 const Event& event = trace.rows[row].event;
-                if (event.kind == Event::Kind::kLog) ++missing_lines[DescribeLogLine(event)];
+                if (event.kind == Event::Kind::kLog) {
+                    Cancel(DescribeLogLine(event), &early_lines, &missing_lines);
+                }
                 const Step step = StepFrom(event);
                 if (step.action_case() == Step::ACTION_NOT_SET || is_response[row]) continue;
                 Await(row);
-                session->player().Play(step, IsEndAwaited(row));
+                session->player().Play(step, ends_awaited[row]);
             }
             Await(row);
             const auto limit = Clock::now() + kMessageLimit;
@@ -164,6 +190,11 @@ class Replayer {
     void Expect(size_t row, const Sent& sent) {
         const VelmarMessage& message = sent.message.message;
         if (message.type() == velmar_message::REQUEST) requests[message.token()] = expected.size();
+        by_group[sent.group].members.push_back(expected.size());
+        // Equal responses to a token that was used again are told apart by their order.
+        if (!IsResponse(sent)) {
+            by_content[{sent.group, sent.content}].members.push_back(expected.size());
+        }
         expected.push_back({sent, row, {}, std::nullopt});
     }
 
@@ -195,36 +226,28 @@ class Replayer {
             LookAround(row);
         }
         // What did not come now is not waited for again.
-        for (Expected& one : expected) one.given_up |= one.row < row;
-        for (auto& [line, count] : missing_lines) count = std::min(count, 0);
+        missing_lines.clear();
         last_action = row;
     }
 
     bool IsLogged() {
         for (const LogLine& line : session->simulation().log().From(seen_lines)) {
-            --missing_lines[DescribeLogLine(line)];
+            Cancel(DescribeLogLine(line), &missing_lines, &early_lines);
             ++seen_lines;
         }
-        return std::none_of(missing_lines.begin(), missing_lines.end(),
-                            [](const auto& one) { return one.second > 0; });
+        return missing_lines.empty();
     }
 
-    bool IsSettled(size_t row) const {
-        const auto is_missing = [row](const Expected& one) {
-            return one.row < row && !one.actual && !one.given_up;
-        };
+    bool IsGivenUp(const Expected& one) const { return one.row < last_action; }
+
+    bool IsSettled(size_t row) {
+        while (settled < expected.size() &&
+               (expected[settled].actual || IsGivenUp(expected[settled]))) {
+            ++settled;
+        }
         return std::none_of(planned.begin(), planned.end(),
                             [row](const auto& one) { return one.second.row < row; }) &&
-               std::none_of(expected.begin(), expected.end(), is_missing);
-    }
-
-    // Whether the service ends in this row or later, before it is started again.
-    bool IsEndAwaited(size_t row) const {
-        for (; row < trace.rows.size(); ++row) {
-            const Step step = StepFrom(trace.rows[row].event);
-            if (step.has_exit() || step.has_restart()) return step.has_exit();
-        }
-        return false;
+               (settled == expected.size() || expected[settled].row >= row);
     }
 
     // Takes what the service has sent and sends the responses that are due.
@@ -235,7 +258,7 @@ class Replayer {
         } else {
             Step pause;
             pause.set_pause_ms(1);
-            session->player().Play(pause, IsEndAwaited(row));
+            session->player().Play(pause, ends_awaited[row]);
             while (const auto request = simulation.radio().Take()) {
                 if (has_radio) Take(FromRadio(*request));
             }
@@ -270,21 +293,21 @@ class Replayer {
     }
 
     Expected* FindEqual(const Sent& actual) {
-        // Equal responses to a token that was used again are told apart by their order.
-        if (actual.group.rfind(kResponseGroup, 0) == 0) return nullptr;
-        for (Expected& one : expected) {
-            const bool has_equal = one.actual && one.actual->content == one.sent.content;
-            if (one.sent.group == actual.group && one.sent.content == actual.content &&
-                !has_equal) {
-                return &one;
-            }
-        }
-        return nullptr;
+        return FindFirst(&by_content[{actual.group, actual.content}], [](const Expected& one) {
+            return one.actual && one.actual->content == one.sent.content;
+        });
     }
 
     Expected* FindOpen(const Sent& actual) {
-        for (Expected& one : expected) {
-            if (one.sent.group == actual.group && !one.actual) return &one;
+        return FindFirst(&by_group[actual.group],
+                         [](const Expected& one) { return one.actual.has_value(); });
+    }
+
+    // The first one in the queue that is not taken. One that is taken stays so.
+    Expected* FindFirst(Queue* queue, bool (*is_taken)(const Expected& one)) {
+        for (; queue->next < queue->members.size(); ++queue->next) {
+            Expected& one = expected[queue->members[queue->next]];
+            if (!is_taken(one)) return &one;
         }
         return nullptr;
     }
@@ -325,7 +348,7 @@ class Replayer {
             }
             if (difference.empty()) continue;
             ++result.differing;
-            if (one.actual || one.given_up) result.failure += Place(one.row) + difference + "\n";
+            if (one.actual || IsGivenUp(one)) result.failure += Place(one.row) + difference + "\n";
         }
         for (const Sent& one : surplus) {
             result.failure += trace.path + ": a message came that the trace does not have" +
@@ -345,13 +368,22 @@ class Replayer {
     std::map<uint32_t, size_t> requests;
     // Rows that the modem sends once their request has come.
     std::vector<bool> is_response;
+    // Of the rows, and of the end.
+    const std::vector<bool> ends_awaited;
     bool has_radio = false;
     std::vector<Expected> expected;
+    std::map<std::string, Queue> by_group;
+    // By group and content.
+    std::map<std::pair<std::string, std::string>, Queue> by_content;
+    // Nothing before this one of the expected messages is still awaited.
+    size_t settled = 0;
     std::multimap<Clock::time_point, PlannedResponse> planned;
     std::vector<Sent> surplus;
     size_t taken = 0;
-    // How many times each log line came more often in the trace up to this row.
-    std::map<std::string, int> missing_lines;
+    // Log lines of the trace since the last action that have not come, and lines that came and do
+    // not stand in the trace up to this row.
+    std::multiset<std::string> missing_lines;
+    std::multiset<std::string> early_lines;
     size_t seen_lines = 0;
     size_t last_action = 0;
 };

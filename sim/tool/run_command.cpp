@@ -30,19 +30,13 @@ struct Options {
     SessionOptions session;
 };
 
-// Whether step `current`, or a later one, awaits the end of the service that was started last.
-bool IsEndAwaited(const Scenario& scenario, int current) {
-    for (int i = current; i < scenario.step_size(); ++i) {
-        if (scenario.step(i).has_exit()) return true;
-        if (scenario.step(i).has_restart()) return false;
-    }
-    return false;
-}
-
 // Plays the scenario; returns what to say about its failure, nothing when it passed.
 std::string FindFailure(const ScenarioFile& file, const SessionOptions& options,
                         const SessionWriters& writers) {
     const Scenario& scenario = file.scenario;
+    const auto ends_awaited = AwaitedEnds(file.step_lines.size(), [&scenario](size_t i) {
+        return scenario.step(static_cast<int>(i)).action_case();
+    });
     std::string place = file.path + ": ";
     std::optional<Session> session;
     try {
@@ -51,7 +45,7 @@ std::string FindFailure(const ScenarioFile& file, const SessionOptions& options,
         player.Start();
         for (int i = 0; i < scenario.step_size(); ++i) {
             place = file.path + ":" + std::to_string(file.step_lines[i]) + ": ";
-            player.Play(scenario.step(i), IsEndAwaited(scenario, i));
+            player.Play(scenario.step(i), ends_awaited[i]);
         }
         place = file.path + ": ";
         player.Finish();

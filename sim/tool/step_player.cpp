@@ -111,6 +111,15 @@ UnexpectedEnd::UnexpectedEnd(int wait_status)
     }
 }
 
+std::vector<bool> AwaitedEnds(size_t count, const std::function<Step::ActionCase(size_t)>& action) {
+    std::vector<bool> ends(count + 1);
+    for (size_t i = count; i > 0; --i) {
+        const Step::ActionCase here = action(i - 1);
+        ends[i - 1] = here == Step::kExit || (ends[i] && here != Step::kRestart);
+    }
+    return ends;
+}
+
 StepPlayer::StepPlayer(const Phone& description, double factor, Simulation* simulated,
                        EventStream* event_stream)
     : phone(description),

@@ -6,6 +6,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "sim/tool/child_process.h"
 #include "sim/tool/file_push.h"
@@ -33,6 +34,11 @@ class UnexpectedEnd : public StepFailure {
   private:
     Exit exit;
 };
+
+// For each of `count` steps, whether it or a later one awaits the end of the service that was
+// started last; false for the time after them, which has the last element. `action` says what the
+// step of a number does.
+std::vector<bool> AwaitedEnds(size_t count, const std::function<Step::ActionCase(size_t)>& action);
 
 // Plays steps on one phone, one after the other; the service ends with the player. Operations
 // belong to the main thread; they throw StepFailure, and std::runtime_error when the simulator
