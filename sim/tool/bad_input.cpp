@@ -1,7 +1,6 @@
 #include "sim/tool/bad_input.h"
 
 #include <errno.h>
-#include <unistd.h>
 
 #include <system_error>
 #include <utility>
@@ -10,16 +9,27 @@
 
 namespace velmar_sim {
 
-std::string ReadInput(const std::string& path) {
+InputFile OpenInput(const std::string& path) {
     static bool is_stdin_read = false;
     if (path == "-" && std::exchange(is_stdin_read, true)) {
         throw BadInput("-: standard input is given twice");
     }
+    // Whatever is opened later must not take the number of standard input.
+    const auto close = [](FILE* file) { return file == stdin ? 0 : fclose(file); };
+    InputFile file(path == "-" ? stdin : fopen(path.c_str(), "re"), close);
+    if (file == nullptr) ThrowUnreadable(path, errno);
+    return file;
+}
+
+std::string ReadInput(const std::string& path) {
     std::string text;
-    const bool is_read = path == "-" ? android::base::ReadFdToString(STDIN_FILENO, &text)
-                                     : android::base::ReadFileToString(path, &text, true);
-    if (is_read) return text;
-    throw BadInput(path + ": cannot be read: " + std::generic_category().message(errno));
+    const InputFile file = OpenInput(path);
+    if (!android::base::ReadFdToString(fileno(file.get()), &text)) ThrowUnreadable(path, errno);
+    return text;
+}
+
+void ThrowUnreadable(const std::string& path, int error) {
+    throw BadInput(path + ": cannot be read: " + std::generic_category().message(error));
 }
 
 void ThrowUnwritable(const std::string& path, int error) {

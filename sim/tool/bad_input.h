@@ -1,5 +1,8 @@
 #pragma once
 
+#include <stdio.h>
+
+#include <memory>
 #include <stdexcept>
 #include <string>
 
@@ -12,9 +15,16 @@ class BadInput : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// The content of the file `path`, or of standard input for "-", once. Throws BadInput. Main
-// thread.
+using InputFile = std::unique_ptr<FILE, int (*)(FILE*)>;
+
+// Opens the file `path`, or standard input for "-", once, to be read. Throws BadInput. Main thread.
+InputFile OpenInput(const std::string& path);
+
+// The whole content of such a file. Throws BadInput. Main thread.
 std::string ReadInput(const std::string& path);
+
+// Throws BadInput: nothing, or nothing more, can be read from `path`, for the reason of `error`.
+[[noreturn]] void ThrowUnreadable(const std::string& path, int error);
 
 // Throws BadInput: nothing, or nothing more, can be recorded in `path`, for the reason of `error`.
 [[noreturn]] void ThrowUnwritable(const std::string& path, int error);

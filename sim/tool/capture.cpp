@@ -118,22 +118,24 @@ void CaptureWriter::Finish() {
     if (error != 0) ThrowUnwritable(file_path, error);
 }
 
-bool IsCapture(const std::string& content) {
+bool IsCapture(FILE* file) {
+    std::array<unsigned char, sizeof(uint32_t)> bytes = {};
+    // The C library takes back all of them, not only the one that the standard promises.
+    for (size_t left = fread(bytes.data(), 1, bytes.size(), file); left > 0; --left) {
+        static_cast<void>(ungetc(bytes[left - 1], file));
+    }
     uint32_t magic = 0;
-    if (content.size() < sizeof(magic)) return false;
-    memcpy(&magic, content.data(), sizeof(magic));
+    memcpy(&magic, bytes.data(), sizeof(magic));
     return std::find(kMagics.begin(), kMagics.end(), magic) != kMagics.end();
 }
 
-void ReadCapture(const std::string& path, std::string content, const TraceReader& reader) {
-    FILE* memory = fmemopen(content.data(), content.size(), "rb");
+void ReadCapture(const std::string& path, InputFile file, const TraceReader& reader) {
     std::array<char, PCAP_ERRBUF_SIZE> why = {};
-    const std::unique_ptr<pcap_t, void (*)(pcap_t*)> capture(pcap_fopen_offline(memory, why.data()),
-                                                             pcap_close);
-    if (capture == nullptr) {
-        static_cast<void>(fclose(memory));
-        throw BadInput(path + ": expected a capture: " + why.data());
-    }
+    const std::unique_ptr<pcap_t, void (*)(pcap_t*)> capture(
+            pcap_fopen_offline(file.get(), why.data()), pcap_close);
+    if (capture == nullptr) throw BadInput(path + ": expected a capture: " + why.data());
+    // The capture closes it.
+    static_cast<void>(file.release());
     const int link_type = pcap_datalink(capture.get());
     if (link_type != DLT_RAW) {
         const char* name = pcap_datalink_val_to_name(link_type);

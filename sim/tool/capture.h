@@ -6,6 +6,7 @@
 #include <string>
 
 #include "sim/modem/event.h"
+#include "sim/tool/bad_input.h"
 #include "sim/tool/trace.h"
 
 // Captures: the messages of a session as UDP datagrams over IPv4 between 10.0.0.2, the modem, and
@@ -33,12 +34,13 @@ class CaptureWriter : public EventWriter {
     int error = 0;
 };
 
-// Whether this is how a capture begins.
-bool IsCapture(const std::string& content);
+// Whether `file`, of which nothing was read yet, begins as a capture does. It can still be read
+// from its beginning.
+bool IsCapture(FILE* file);
 
-// Hands over the messages of a capture, `content`, with the numbers of their packets from 1 on. One
-// that was cut has its whole size in `total`. `path` names the capture in errors. Throws BadInput
-// when it comes to something else.
-void ReadCapture(const std::string& path, std::string content, const TraceReader& reader);
+// Hands over the messages of a capture as they are read, with the numbers of their packets from 1
+// on. One that was cut has its whole size in `total`. `path` names the capture in errors. Throws
+// BadInput when it comes to something else.
+void ReadCapture(const std::string& path, InputFile file, const TraceReader& reader);
 
 }  // namespace velmar_sim

@@ -1,5 +1,6 @@
 #include "sim/tool/decode_command.h"
 
+#include <filesystem>
 #include <memory>
 #include <string>
 
@@ -23,10 +24,17 @@ struct Options {
 };
 
 int Decode(const Options& options) {
-    // Before the writers: one of them may write the same file.
-    const std::string content = ReadInput(options.path);
+    // Before the writers: nothing is overwritten for the sake of a file that cannot be read.
+    InputFile file = OpenInput(options.path);
+    for (const std::string& trace : options.session.traces) {
+        std::error_code failure;
+        const std::string input = options.path == "-" ? "/dev/stdin" : options.path;
+        if (std::filesystem::equivalent(trace, input, failure)) {
+            throw BadInput("--trace: " + trace + ": expected another file than the one to be read");
+        }
+    }
     SessionWriters writers(options.session);
-    ReadTrace(options.path, content, [&writers](const Event& event, int) {
+    ReadTrace(options.path, std::move(file), [&writers](const Event& event, int) {
         ThrowIfInterrupted();
         for (const auto& writer : writers.all()) writer->Write(event);
     });

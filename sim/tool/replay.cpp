@@ -392,7 +392,7 @@ class Replayer {
 
 std::vector<RecordedSession> ReadSessions(const std::string& path) {
     std::vector<RecordedSession> sessions = {{path, std::nullopt, {}}};
-    ReadTrace(path, ReadInput(path), [&](const Event& event, int place) {
+    ReadTrace(path, OpenInput(path), [&](const Event& event, int place) {
         if (IsMessage(event) && event.total > 0) {
             throw BadInput(
                     path + ":" + std::to_string(place) + ": expected a whole message, found " +

@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include <cmath>
@@ -9,11 +10,11 @@
 #include <sstream>
 
 #include "android-base/file.h"
+#include "android-base/scopeguard.h"
 #include "google/protobuf/stubs/common.h"
 #include "google/protobuf/stubs/strutil.h"
 #include "google/protobuf/util/json_util.h"
 
-#include "sim/tool/bad_input.h"
 #include "sim/tool/capture.h"
 #include "sim/tool/message_text.h"
 #include "sim/tool/names.h"
@@ -261,12 +262,16 @@ void TraceWriter::Finish() {
     if (error != 0) ThrowUnwritable(file_path, error);
 }
 
-void ReadTrace(const std::string& path, const std::string& content, const TraceReader& reader) {
-    if (IsCapture(content)) return ReadCapture(path, content, reader);
-    std::istringstream lines(content);
+void ReadTrace(const std::string& path, InputFile file, const TraceReader& reader) {
+    if (IsCapture(file.get())) return ReadCapture(path, std::move(file), reader);
+    char* text = nullptr;
+    size_t capacity = 0;
+    const auto freeing = android::base::make_scope_guard([&text] { free(text); });
     int number = 0;
-    for (std::string line; std::getline(lines, line);) {
+    for (ssize_t size = 0; (size = getline(&text, &capacity, file.get())) > 0;) {
         ++number;
+        if (text[size - 1] == '\n') --size;
+        const std::string line(text, static_cast<size_t>(size));
         const size_t begin = line.find_first_not_of(" \t\r");
         if (begin == std::string::npos) continue;
         try {
@@ -275,6 +280,7 @@ void ReadTrace(const std::string& path, const std::string& content, const TraceR
             throw BadInput(path + ":" + std::to_string(number) + ": " + error.what());
         }
     }
+    if (ferror(file.get()) != 0) ThrowUnreadable(path, errno);
 }
 
 }  // namespace velmar_sim

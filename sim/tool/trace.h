@@ -9,6 +9,7 @@
 #include "android-base/unique_fd.h"
 
 #include "sim/modem/event.h"
+#include "sim/tool/bad_input.h"
 
 // Traces: what happened in a simulated phone, as data. sim/tool/trace.proto is their schema.
 namespace velmar_sim {
@@ -35,10 +36,10 @@ class TraceWriter : public EventWriter {
 // Takes an event of a trace, and where it stands there: the number of its line or packet.
 using TraceReader = std::function<void(const Event& event, int place)>;
 
-// Hands over the events of a trace, `content`, one by one. It is a capture, or has lines; each is a
-// JSON object as TraceWriter writes them, or "modem" or "phone", as the sender, and the bytes of a
-// message in hexadecimal. `path` names the trace in errors. Throws BadInput, with the place, when
-// it comes to something else.
-void ReadTrace(const std::string& path, const std::string& content, const TraceReader& reader);
+// Hands over the events of the trace in `file`, each as soon as it is read. It is a capture, or has
+// lines; each is a JSON object as TraceWriter writes them, or "modem" or "phone", as the sender,
+// and the bytes of a message in hexadecimal. `path` names the trace in errors. Throws BadInput,
+// with the place, when it comes to something else.
+void ReadTrace(const std::string& path, InputFile file, const TraceReader& reader);
 
 }  // namespace velmar_sim

@@ -111,7 +111,11 @@ TEST_F(TraceTest, CommandsTakeWhatIsATraceAndNameWhatIsNone) {
     } cases[] = {
             {"$sim decode - < hex", "modem -> velmar  REQUEST (4 bytes) without payload\n", 0},
             {"$sim decode t.pcap", "velmar -> modem  RESPONSE (2 bytes) without payload\n", 0},
-            {"cp t own; $sim decode --quiet --trace own own; cmp t own && echo same", "same", 0},
+            {"cp t own; $sim decode --trace own own; $sim decode --trace ./own - <own; cmp t own",
+             "own: expected another file than the one to be read\n--trace: ./own: expected", 0},
+            {"(echo modem ff; timeout 20 sh -c 'until grep ff shown; do sleep 0.1; done' > came) | "
+             "$sim decode - > shown; cat came",
+             "modem -> velmar  not a message, 1 byte: ff\n", 0},
             {"$sim decode t.pcap", "of a message of 65568 bytes these were captured:\n", 0},
             {"head -c 100 t.pcap | $sim decode -", "-:2: expected a packet: truncated", 2},
             {"head -c 20 t.pcap | $sim decode -", "-: expected a capture: truncated", 2},
