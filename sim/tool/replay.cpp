@@ -49,7 +49,9 @@ struct Sent {
     // The same for messages that are alike. The service numbers its requests by itself, so their
     // tokens do not count.
     std::string content;
-    ReceivedMessage message;
+    // What went over the channel; empty for what went to the radio. Messages are kept like this,
+    // since decoded they need several times as much memory.
+    std::string bytes;
     size_t number = 0;
 };
 
@@ -88,23 +90,27 @@ void Cancel(const std::string& line, std::multiset<std::string>* from,
     }
 }
 
+ReceivedMessage Decode(const std::string& bytes) {
+    ReceivedMessage received;
+    received.bytes = bytes;
+    received.decoded = received.message.ParseFromString(bytes);
+    return received;
+}
+
 // Messages that one thread of the service sends have the same group: its responses, of which those
 // to one token are told apart by their order alone, and its requests of one kind.
 Sent FromMessage(const std::string& bytes) {
     Sent sent;
-    ReceivedMessage& received = sent.message;
-    received.bytes = sent.content = bytes;
-    received.decoded = received.message.ParseFromString(bytes);
-    const VelmarMessage& message = received.message;
+    sent.bytes = sent.content = bytes;
+    VelmarMessage message = Decode(bytes).message;
     if (message.type() == velmar_message::RESPONSE) {
         sent.group = kResponseGroup + std::to_string(message.token());
     } else if (message.type() == velmar_message::REQUEST) {
         // A client run asks for a report while the state monitor enables statistics.
         sent.group = "request " + std::to_string(message.payload_case()) + " " +
                      std::to_string(message.modem_stat_message().ModemStat_case());
-        VelmarMessage without_token = message;
-        without_token.clear_token();
-        sent.content = without_token.SerializeAsString();
+        message.clear_token();
+        sent.content = message.SerializeAsString();
     }
     return sent;
 }
@@ -117,7 +123,7 @@ Sent FromRadio(const RadioRequest& request) {
 }
 
 std::string Describe(const Sent& sent) {
-    if (sent.group != kRadioGroup) return DescribeMessage(sent.message.bytes);
+    if (sent.group != kRadioGroup) return DescribeMessage(sent.bytes);
     RadioRequest request;
     request.ParseFromString(sent.content);
     return "to the radio: " + DescribeRadioRequest(request);
@@ -125,11 +131,12 @@ std::string Describe(const Sent& sent) {
 
 std::string Difference(const Sent& expected, const Sent& actual) {
     if (expected.content == actual.content) return "";
-    if (expected.group == kRadioGroup || !expected.message.decoded) {
+    const ReceivedMessage message = Decode(expected.bytes);
+    if (expected.group == kRadioGroup || !message.decoded) {
         return "the message differs" + ExpectedActual(Describe(expected), Describe(actual));
     }
-    const bool is_request = expected.message.message.type() == velmar_message::REQUEST;
-    return MessageDifference(expected.message.message, actual.message, is_request);
+    const bool is_request = message.message.type() == velmar_message::REQUEST;
+    return MessageDifference(message.message, Decode(actual.bytes), is_request);
 }
 
 class Replayer {
@@ -188,7 +195,7 @@ class Replayer {
 
   private:
     void Expect(size_t row, const Sent& sent) {
-        const VelmarMessage& message = sent.message.message;
+        const VelmarMessage message = Decode(sent.bytes).message;
         if (message.type() == velmar_message::REQUEST) requests[message.token()] = expected.size();
         by_group[sent.group].members.push_back(expected.size());
         // Equal responses to a token that was used again are told apart by their order.
@@ -276,11 +283,11 @@ class Replayer {
             surplus.push_back(actual);
             return;
         }
-        const VelmarMessage& message = actual.message.message;
+        const uint32_t token = Decode(actual.bytes).message.token();
         for (const size_t row : found->responses) {
             const auto delay =
                     times.back().count() > 0 ? times[row] - times[found->row] : kResponseDelay;
-            planned.emplace(Clock::now() + delay, PlannedResponse{row, message.token()});
+            planned.emplace(Clock::now() + delay, PlannedResponse{row, token});
         }
         std::optional<Sent> displaced = std::exchange(found->actual, actual);
         if (!displaced) return;
