@@ -351,7 +351,8 @@ void SimulatedModem::PlanResponses(const VelmarMessage& request) {
         if (found == policies.end() || found->second.none()) return;
         policy = found->second;
     }
-    const auto due = Clock::now() + milliseconds(policy.delay_ms());
+    const auto now = Clock::now();
+    const auto due = now + milliseconds(policy.delay_ms());
     VelmarMessage response;
     response.set_type(velmar_message::RESPONSE);
     if (!policy.no_result()) response.set_result(policy.result());
@@ -362,6 +363,9 @@ void SimulatedModem::PlanResponses(const VelmarMessage& request) {
     response.set_token(request.token());
     for (int copies = policy.twice() ? 2 : 1; copies > 0; --copies) {
         planned_responses.emplace(due, response.SerializeAsString());
+    }
+    for (const uint32_t delay : policy.again_ms()) {
+        planned_responses.emplace(now + milliseconds(delay), response.SerializeAsString());
     }
 }
 

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <iterator>
-#include <map>
 #include <stdexcept>
 
 #include "android-base/parsedouble.h"
@@ -161,33 +160,6 @@ void TakeMessage(ConfigKind kind, const VelmarMessage& message, ConfigRow* row) 
     if (row->result.empty()) row->result = message.ShortDebugString();
 }
 
-// Pairs by the order of the log. The tokens of requests count up from 0, whether or not a request
-// could be sent.
-void PairMessages(ConfigKind kind, const ConfigOutcome& outcome, std::vector<ConfigRow>* rows) {
-    std::map<uint32_t, VelmarMessage> sent;
-    for (const VelmarMessage& message : outcome.messages) sent[message.token()] = message;
-    uint32_t token = 0;
-    ConfigRow* row = nullptr;
-    size_t begun = 0;
-    for (const LogLine& line : outcome.log) {
-        const bool has_request =
-                StartsWith(line.text, kStatisticsEntry) || StartsWith(line.text, kLoggingEntry);
-        if (has_request || line.text == kNoModule) {
-            if (begun == rows->size()) {
-                throw std::runtime_error("the service logs more entries than the text has");
-            }
-            row = &rows->at(begun++);
-            if (!has_request) {
-                row->result = "not sent: expected a module";
-            } else if (const auto found = sent.find(token++); found != sent.end()) {
-                TakeMessage(kind, found->second, row);
-            }
-        } else if (row != nullptr && row->result.empty() && line.priority == 'E') {
-            row->result = "not sent: " + line.text;
-        }
-    }
-}
-
 // The little-endian number of 16 bits at `offset`.
 uint16_t NumberAt(const std::string& bytes, size_t offset) {
     return static_cast<uint16_t>(static_cast<uint8_t>(bytes.at(offset)) |
@@ -235,72 +207,99 @@ void TakeRadioRequest(const RadioRequest& request, ConfigRow* row) {
     }
 }
 
+}  // namespace
+
+ConfigRows::ConfigRows(ConfigKind kind, const std::string& text)
+    : config_kind(kind), rows(MakeRows(kind, text)) {}
+
+size_t ConfigRows::Take(const ConfigNews& news) {
+    for (const VelmarMessage& message : news.messages) messages[message.token()] = message;
+    radio_requests.insert(radio_requests.end(), news.radio_requests.begin(),
+                          news.radio_requests.end());
+    for (const LogLine& line : news.log) TakeLine(line);
+    return begun == 0 ? 0 : begun - 1;
+}
+
+// Messages are paired by the order of the log.
+void ConfigRows::TakeLine(const LogLine& line) {
+    if (line.priority == 'E') last_reason = "not sent: " + line.text;
+    if (StartsWith(line.text, kStatisticsEntry) || StartsWith(line.text, kLoggingEntry)) {
+        BeginRow(true);
+    } else if (line.text == kNoModule) {
+        BeginRow(false);
+    } else if (StartsWith(line.text, kTooFewFields) || StartsWith(line.text, kIncomplete)) {
+        refused_lines.push_back(line.text);
+    } else if (line.text == kNoLineFeed && !rows.empty()) {
+        rows.front().warnings.emplace_back("the file has no line feed, which is logged");
+    } else if (begun > 0 && rows[begun - 1].result.empty() && line.priority == 'E') {
+        rows[begun - 1].result = last_reason;
+    }
+}
+
+void ConfigRows::BeginRow(bool has_request) {
+    EndRow();
+    if (begun > 0 && rows[begun - 1].result.empty()) rows[begun - 1].result = last_reason;
+    if (begun == rows.size()) {
+        throw std::runtime_error("the service logs more entries than the text has");
+    }
+    if (has_request) {
+        token = next_token++;
+    } else {
+        rows[begun].result = "not sent: expected a module";
+    }
+    ++begun;
+}
+
+void ConfigRows::EndRow() {
+    const auto message = token ? messages.find(*token) : messages.end();
+    token.reset();
+    if (message == messages.end()) return;
+    TakeMessage(config_kind, message->second, &rows[begun - 1]);
+    messages.erase(message);
+}
+
 // The service logs each line that it does not send, and does the same with lines that are alike: a
 // line that the log has next was not sent, the others were.
-void PairRadioRequests(const ConfigOutcome& outcome, std::vector<ConfigRow>* rows) {
-    std::vector<std::string> refused;
-    for (const LogLine& line : outcome.log) {
-        if (StartsWith(line.text, kTooFewFields) || StartsWith(line.text, kIncomplete)) {
-            refused.push_back(line.text);
-        } else if (line.text == kNoLineFeed && !rows->empty()) {
-            rows->front().warnings.emplace_back("the file has no line feed, which is logged");
-        }
-    }
+void ConfigRows::PairRadioRequests() {
     size_t refusals = 0;
     size_t requests = 0;
-    const auto& sent = outcome.radio_requests;
     // The first line is no entry, but may look like one that is refused.
-    if (!rows->empty() && !sent.empty() && sent[0].request() != kGnssEntryRequest) {
-        TakeRadioRequest(sent[requests++], &rows->front());
+    if (!rows.empty() && !radio_requests.empty() &&
+        radio_requests[0].request() != kGnssEntryRequest) {
+        TakeRadioRequest(radio_requests[requests++], &rows.front());
     }
-    for (ConfigRow& row : *rows) {
+    for (ConfigRow& row : rows) {
         if (row.is_sent) continue;
-        const std::string logged = refusals < refused.size() ? refused[refusals] : "";
+        const std::string logged = refusals < refused_lines.size() ? refused_lines[refusals] : "";
         if (logged == kTooFewFields + row.text) {
             row.result = "not sent: expected at least two fields";
             ++refusals;
         } else if (logged == kIncomplete + row.text) {
             row.result = "not sent: expected a value for each band, and a band for each value";
             ++refusals;
-        } else if (requests < sent.size()) {
-            TakeRadioRequest(sent[requests++], &row);
+        } else if (requests < radio_requests.size()) {
+            TakeRadioRequest(radio_requests[requests++], &row);
         }
     }
 }
 
-// Says of the entries of which nothing was sent or logged why that is.
-void ExplainSilence(const ConfigOutcome& outcome, std::vector<ConfigRow>* rows) {
-    std::string reason = "not sent: the service says nothing of it";
-    for (const LogLine& line : outcome.log) {
-        if (line.priority == 'E') reason = "not sent: " + line.text;
-    }
-    bool ends = !outcome.end.empty();
+void ConfigRows::Finish(const std::string& end) {
+    EndRow();
+    PairRadioRequests();
+    std::string reason = last_reason;
+    bool ends = !end.empty();
     const auto explain = [&](ConfigRow* row) {
-        row->result = ends ? "the service ended: " + outcome.end : reason;
+        row->result = ends ? "the service ended: " + end : reason;
         row->ends_service = ends;
         if (ends) reason = "not sent: the service had ended";
         ends = false;
     };
-    for (ConfigRow& row : *rows) {
+    for (ConfigRow& row : rows) {
         if (row.result.empty()) explain(&row);
     }
     if (!ends) return;
-    rows->push_back({rows->empty() ? 1 : rows->back().line});
-    explain(&rows->back());
-}
-
-}  // namespace
-
-std::vector<ConfigRow> PairWithLines(ConfigKind kind, const std::string& text,
-                                     const ConfigOutcome& outcome) {
-    std::vector<ConfigRow> rows = MakeRows(kind, text);
-    if (kind == ConfigKind::kGnss) {
-        PairRadioRequests(outcome, &rows);
-    } else {
-        PairMessages(kind, outcome, &rows);
-    }
-    ExplainSilence(outcome, &rows);
-    return rows;
+    rows.push_back({rows.empty() ? 1 : rows.back().line});
+    explain(&rows.back());
 }
 
 }  // namespace velmar_sim

@@ -36,8 +36,9 @@ constexpr int kOffline = 0;
 constexpr char kGnssBegin[] = "Configuring GNSS coex";
 constexpr char kGnssEnd[] = "Modem state changed from 4 to 0";
 
-// Long enough for the service to have noted a request that it has written.
-constexpr uint32_t kResponseDelayMs = 5;
+// The service drops a response that comes before it has noted its request. The modem responds at
+// once, and again for the case that this was too early.
+constexpr uint32_t kResponsesAgainMs[] = {1, 5, 50};
 // The service itself waits for 5 s at most.
 constexpr milliseconds kTimeout{10000};
 constexpr milliseconds kLookInterval{20};
@@ -115,22 +116,6 @@ Phone MakePhone(const Input& input) {
     return phone;
 }
 
-// Waits for the log line; false when the service has ended.
-bool AwaitLog(const std::string& text, milliseconds timeout, Session* session,
-              ChildProcess* service) {
-    const auto matches = [&text](const LogLine& line) { return line.text == text; };
-    while (!session->simulation().log().Find(0, matches, kLookInterval)) {
-        ThrowIfInterrupted();
-        session->simulation().radio().Look();
-        if (!service->IsRunning()) return false;
-        if (session->events().QuietTime() > timeout) {
-            throw BadInput("--velmar: expected the service to log \"" + text +
-                           "\", it has been silent for " + std::to_string(timeout.count()) + " ms");
-        }
-    }
-    return true;
-}
-
 // "SIGABRT: " and what the service wrote outside of its log.
 std::string DescribeEnd(int status, const std::vector<LogLine>& log) {
     std::string text = ChildProcess::DescribeEnd(status);
@@ -142,78 +127,132 @@ std::string DescribeEnd(int status, const std::vector<LogLine>& log) {
     return text;
 }
 
-ConfigOutcome Play(const Input& input, const SessionOptions& options) {
-    const SessionWriters writers(options);
-    const Phone phone = MakePhone(input);
-    Session session(input.path, phone, options, writers);
-    Simulation& simulation = session.simulation();
-    ResponsePolicy policy;
-    policy.set_delay_ms(static_cast<uint32_t>(kResponseDelayMs * options.time_factor));
-    simulation.modem().SetResponsePolicy(policy);
-
-    const auto service = simulation.Start({"--server"}, nullptr);
-    const milliseconds timeout(
-            static_cast<milliseconds::rep>(kTimeout.count() * options.time_factor));
-    bool runs = AwaitLog(kGnssBegin, timeout, &session, service.get());
-    if (runs && input.config->kind == ConfigKind::kGnss) {
-        // The service logs nothing when it has done with it, but then looks for the modem's state.
-        simulation.modem().SetState(kOffline);
-        runs = AwaitLog(kGnssEnd, timeout, &session, service.get());
-    }
-    if (runs) service->Kill();
-
-    ConfigOutcome outcome;
-    outcome.log = simulation.log().Last(SIZE_MAX);
-    if (!runs) outcome.end = DescribeEnd(service->wait_status(), outcome.log);
-    while (const auto message = simulation.modem().Receive(milliseconds(0))) {
-        outcome.messages.push_back(message->message);
-    }
-    while (const auto request = simulation.radio().Take()) {
-        outcome.radio_requests.push_back(*request);
-    }
-    return outcome;
-}
-
 std::string Padded(std::string text, size_t width) {
     text.resize(std::max(text.size(), width), ' ');
     return text;
 }
 
-// Prints the rows; returns the exit status that they stand for.
-int Show(const std::string& path, const std::vector<ConfigRow>& rows) {
-    if (rows.empty()) std::cout << path << ": nothing is sent\n";
-    std::vector<std::pair<std::string, std::string>> columns;
+// Plays one configuration, and prints its rows as they come.
+class Preview {
+  public:
+    Preview(const Input& config, const SessionOptions& options)
+        : input(config),
+          factor(options.time_factor),
+          rows(config.config->kind, config.text),
+          writers(options),
+          phone(MakePhone(config)),
+          session(config.path, phone, options, writers) {
+        for (const ConfigRow& row : rows.all()) {
+            place_width = std::max(place_width, PlaceOf(row).size());
+            const size_t size = TextOf(row).size();
+            if (size <= kMaxAlignedText) text_width = std::max(text_width, size);
+        }
+    }
+
+    // Returns the exit status that the rows stand for.
+    int Play() {
+        Simulation& simulation = session.simulation();
+        ResponsePolicy policy;
+        policy.set_delay_ms(0);
+        for (const uint32_t delay : kResponsesAgainMs) {
+            policy.add_again_ms(static_cast<uint32_t>(delay * factor));
+        }
+        simulation.modem().SetResponsePolicy(policy);
+
+        const auto service = simulation.Start({"--server"}, nullptr);
+        bool runs = AwaitLog(kGnssBegin, service.get());
+        if (runs && input.config->kind == ConfigKind::kGnss) {
+            // The service logs nothing when it has done with it, but then looks for the modem's
+            // state.
+            simulation.modem().SetState(kOffline);
+            runs = AwaitLog(kGnssEnd, service.get());
+        }
+        if (runs) service->Kill();
+        Look("");
+        rows.Finish(runs ? ""
+                         : DescribeEnd(service->wait_status(), simulation.log().Last(SIZE_MAX)));
+        if (rows.all().empty()) std::cout << input.path << ": nothing is sent" << std::endl;
+        Show(rows.all().size());
+        return status;
+    }
+
+  private:
+    std::string PlaceOf(const ConfigRow& row) const {
+        return input.path + ":" + std::to_string(row.line) + ": ";
+    }
+
+    static std::string TextOf(const ConfigRow& row) {
+        return google::protobuf::strings::Utf8SafeCEscape(row.text);
+    }
+
+    // Waits for the log line; false when the service has ended.
+    bool AwaitLog(const std::string& text, ChildProcess* service) {
+        const auto matches = [&text](const LogLine& line) { return line.text == text; };
+        const milliseconds timeout(static_cast<milliseconds::rep>(kTimeout.count() * factor));
+        while (!Look(text)) {
+            ThrowIfInterrupted();
+            if (!service->IsRunning()) return false;
+            if (session.events().QuietTime() > timeout) {
+                throw BadInput("--velmar: expected the service to log \"" + text +
+                               "\", it has been silent for " + std::to_string(timeout.count()) +
+                               " ms");
+            }
+            session.simulation().log().Find(seen_lines, matches, kLookInterval);
+        }
+        return true;
+    }
+
+    // Shows what has come since the last look; whether there is a log line `text` in it.
+    bool Look(const std::string& text) {
+        Simulation& simulation = session.simulation();
+        ConfigNews news;
+        // The log first: what was sent before its last line has come then.
+        news.log = simulation.log().From(seen_lines);
+        seen_lines += news.log.size();
+        while (const auto message = simulation.modem().Receive(milliseconds(0))) {
+            news.messages.push_back(message->message);
+        }
+        while (const auto request = simulation.radio().Take()) {
+            news.radio_requests.push_back(*request);
+        }
+        Show(rows.Take(news));
+        return std::any_of(news.log.begin(), news.log.end(),
+                           [&text](const LogLine& line) { return line.text == text; });
+    }
+
+    // Prints the first `count` rows, as far as they were not printed before.
+    void Show(size_t count) {
+        for (; shown < count; ++shown) {
+            const ConfigRow& row = rows.all()[shown];
+            std::cout << Padded(PlaceOf(row), place_width) << Padded(TextOf(row), text_width)
+                      << "   " << row.result << (row.warnings.empty() ? "" : "  warning: ")
+                      << android::base::Join(row.warnings, "; ") << "\n";
+            if (!row.is_sent || !row.warnings.empty()) status = std::max(status, kFailed);
+            if (row.ends_service) status = kServiceEnded;
+        }
+        std::cout << std::flush;
+    }
+
+    const Input& input;
+    const double factor;
+    ConfigRows rows;
+    const SessionWriters writers;
+    const Phone phone;
+    Session session;
     size_t place_width = 0;
     size_t text_width = 0;
-    for (const ConfigRow& row : rows) {
-        const auto& [place, text] =
-                columns.emplace_back(path + ":" + std::to_string(row.line) + ": ",
-                                     google::protobuf::strings::Utf8SafeCEscape(row.text));
-        place_width = std::max(place_width, place.size());
-        if (text.size() <= kMaxAlignedText) text_width = std::max(text_width, text.size());
-    }
+    size_t seen_lines = 0;
+    size_t shown = 0;
     int status = kPassed;
-    for (size_t i = 0; i < rows.size(); ++i) {
-        const auto& [place, text] = columns[i];
-        std::cout << Padded(place, place_width) << Padded(text, text_width) << "   "
-                  << rows[i].result << (rows[i].warnings.empty() ? "" : "  warning: ")
-                  << android::base::Join(rows[i].warnings, "; ") << "\n";
-        if (!rows[i].is_sent || !rows[i].warnings.empty()) status = std::max(status, kFailed);
-        if (rows[i].ends_service) status = kServiceEnded;
-    }
-    std::cout << std::flush;
-    return status;
-}
+};
 
-int Preview(const Options& options) {
+int PreviewAll(const Options& options) {
     CheckSessionOptions(options.session);
     std::vector<Input> inputs;
     for (const std::string& path : options.paths) inputs.push_back(ReadConfig(path, options.as));
     int status = kPassed;
     for (const Input& input : inputs) {
-        const ConfigOutcome outcome = Play(input, options.session);
-        const auto rows = PairWithLines(input.config->kind, input.text, outcome);
-        status = std::max(status, Show(input.path, rows));
+        status = std::max(status, Preview(input, options.session).Play());
     }
     return status;
 }
@@ -235,7 +274,7 @@ void AddPreviewCommand(CLI::App* app, int* status) {
     options->session.quiet = true;
     AddServiceOptions(preview, &options->session);
     preview->footer(kFooter);
-    preview->callback([options, status] { *status = Preview(*options); });
+    preview->callback([options, status] { *status = PreviewAll(*options); });
 }
 
 }  // namespace velmar_sim
