@@ -1,4 +1,5 @@
-// Measures the service beside baselines that do only what cannot be left out, and prints one table.
+// Measures the service beside baselines that do only what cannot be left out, and works of the
+// simulator beside smaller ones, and prints a table for each.
 
 #include <chrono>
 #include <cstddef>
@@ -16,6 +17,7 @@
 #include "bench/comparison.h"
 #include "bench/dispatch.h"
 #include "bench/messages.h"
+#include "bench/simulator.h"
 #include "sim/tool/process_figures.h"
 
 namespace velmar_bench {
@@ -40,6 +42,7 @@ struct Options {
     int starts = 200;
     int rounds = 31;
     int idle_seconds = 60;
+    bool simulator_only = false;
 };
 
 class Bench {
@@ -47,7 +50,7 @@ class Bench {
     explicit Bench(const Options& chosen) : options(chosen) {}
 
     void Run() {
-        PrintHeading();
+        PrintHeading("product", "baseline", "ratio");
         MeasureStarts();
         MeasureRequests();
         MeasureFile();
@@ -203,8 +206,12 @@ int main(int argc, char** argv) try {
             ->check(CLI::Range(1, 10000));
     app.add_option("--idle-seconds", options.idle_seconds, "For how long wake-ups are counted")
             ->check(CLI::Range(1, 86400));
+    app.add_flag("--simulator-only", options.simulator_only, "Leave out the service's table");
     CLI11_PARSE(app, argc, argv);
-    velmar_bench::Bench(options).Run();
+    if (!options.simulator_only) velmar_bench::Bench(options).Run();
+    velmar_bench::MeasureSimulator(
+            std::filesystem::read_symlink("/proc/self/exe").replace_filename("velmar_sim"),
+            options.programs / "velmar");
     return 0;
 } catch (const std::exception& error) {
     std::cerr << "velmar_bench: " << error.what() << "\n";

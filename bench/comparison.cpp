@@ -60,9 +60,9 @@ double Quantile(std::vector<double> values, double share) {
     return values[position];
 }
 
-void PrintHeading() {
+void PrintHeading(const char* product, const char* baseline, const char* ratio) {
     std::cout << StringPrintf("| %-52s | %10s | %10s | %6s | %6s |\n|---|---|---|---|---|\n",
-                              "what", "product", "baseline", "ratio", "wanted");
+                              "what", product, baseline, ratio, "wanted");
 }
 
 void PrintRow(const std::string& what, double product, double baseline, const char* wanted) {

@@ -30,9 +30,9 @@ std::vector<Samples> TakeTurns(const std::vector<Side>& sides, int rounds, int c
 // default the middle one.
 double Quantile(std::vector<double> values, double share = 0.5);
 
-// A row of the table: a figure of the service beside that of its baseline, and their ratio.
-// `wanted` is printed as it stands.
-void PrintHeading();
+// A table's heading, and a row: a figure of the service beside that of its baseline, or of whatever
+// the heading names, and their ratio. `wanted` is printed as it stands.
+void PrintHeading(const char* product, const char* baseline, const char* ratio);
 void PrintRow(const std::string& what, double product, double baseline, const char* wanted = "");
 
 }  // namespace velmar_bench

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Builds the service and its baselines, measures one beside the other and prints one table, which
-# docs/performance.md explains. Takes about two minutes; the quieter the machine, the better.
+# Builds the service and its baselines, measures one beside the other, then works of the simulator,
+# and prints a table for each, which docs/performance.md explains. Takes about five minutes; the
+# quieter the machine, the better.
 # Usage: scripts/bench.sh [OPTION...]    (those of velmar_bench: see --help)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -8,7 +9,7 @@ cd "$(dirname "$0")/.."
 scripts/setup.sh build
 cmake --preset release >/dev/null
 echo "bench.sh: building" >&2
-cmake --build --preset release --target velmar velmar_bare velmar_bench velmar_radio -- --quiet >&2
+cmake --build --preset release --target velmar velmar_bare velmar_bench velmar_radio velmar_sim -- --quiet >&2
 
 # As it is shipped: without symbols.
 stripped=build/release/stripped

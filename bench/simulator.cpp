@@ -1,0 +1,126 @@
+#include "bench/simulator.h"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <fstream>
+#include <stdexcept>
+#include <vector>
+
+#include "android-base/stringprintf.h"
+
+#include "bench/comparison.h"
+#include "sim/modem/errors.h"
+#include "sim/modem/temporary_folder.h"
+
+namespace velmar_bench {
+
+namespace {
+
+using android::base::StringPrintf;
+using std::chrono::steady_clock;
+
+constexpr int kSizes[] = {1000, 10000, 50000};
+// So many times the growth of its work may a figure have.
+constexpr double kAllowance = 1.2;
+// The least of them counts: what else the machine does only adds.
+constexpr int kTurns = 3;
+
+constexpr char kPhone[] = R"(phone { modem_state: 4 property { name: "p" value: "v" } })";
+constexpr char kExchange[] = R"(
+step { send { type: REQUEST token: %d property_message { read_request { name: "p" } } } }
+step { expect { type: RESPONSE message_id: 7 token: %d result: SUCCESS
+                property_message { read_response { value: "v" } } } })";
+
+struct Cost {
+    double user_s;
+    double wall_s;
+    double resident_kib;
+};
+
+// Runs a command without its output. What it takes holds the part of the service that it started.
+Cost CostOf(std::vector<std::string> command) {
+    std::vector<char*> arguments;
+    for (std::string& argument : command) arguments.push_back(argument.data());
+    arguments.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    const auto begin = steady_clock::now();
+    pid_t process = 0;
+    const int error =
+            posix_spawn(&process, arguments[0], &actions, nullptr, arguments.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (error != 0) velmar_sim::ThrowErrno(command[0], error);
+    int status = 0;
+    rusage used = {};
+    wait4(process, &status, 0, &used);
+    if (status != 0) throw std::runtime_error(command[0] + " " + command[1] + " has failed");
+    const std::chrono::duration<double> taken = steady_clock::now() - begin;
+    return {static_cast<double>(used.ru_utime.tv_sec) + 1e-6 * used.ru_utime.tv_usec, taken.count(),
+            static_cast<double>(used.ru_maxrss)};
+}
+
+}  // namespace
+
+void MeasureSimulator(const std::string& tool, const std::string& velmar) {
+    const velmar_sim::TemporaryFolder folder;
+    const std::string scenario = folder.path() + "/scenario";
+    const std::string trace = folder.path() + "/trace";
+    const std::string config = folder.path() + "/modem_stat.conf";
+    struct {
+        std::string what;
+        std::string unit;
+        double Cost::*figure;
+        std::vector<std::string> command;
+        double last = 0;
+    } works[] = {
+            {"run --trace, ",
+             " exchanges, user s",
+             &Cost::user_s,
+             {tool, "run", "--velmar", velmar, "--quiet", "--trace", trace, scenario}},
+            {"replay --fast, ",
+             " messages, user s",
+             &Cost::user_s,
+             {tool, "replay", "--velmar", velmar, "--quiet", "--fast", trace}},
+            {"decode, ", " exchanges, resident KiB", &Cost::resident_kib, {tool, "decode", trace}},
+            {"preview, ",
+             " lines, s",
+             &Cost::wall_s,
+             {tool, "preview", "--velmar", velmar, config}},
+    };
+    PrintHeading("larger", "smaller", "growth");
+    int smaller = 0;
+    for (const int size : kSizes) {
+        std::ofstream steps(scenario);
+        std::ofstream lines(config);
+        steps << kPhone;
+        for (int i = 0; i < size; ++i) {
+            steps << StringPrintf(kExchange, i, i);
+            lines << "module" << i << ":v=" << i << ",t=1\n";
+        }
+        steps.close();
+        lines.close();
+        for (auto& work : works) {
+            double figure = CostOf(work.command).*work.figure;
+            for (int turn = 1; turn < kTurns; ++turn) {
+                figure = std::min(figure, CostOf(work.command).*work.figure);
+            }
+            const bool is_memory = work.figure == &Cost::resident_kib;
+            const double growth = is_memory ? 1 : static_cast<double>(size) / smaller;
+            if (smaller != 0) {
+                PrintRow(work.what + std::to_string(size) + work.unit, figure, work.last,
+                         StringPrintf("%.2f", kAllowance * growth).c_str());
+            }
+            work.last = figure;
+        }
+        smaller = size;
+    }
+}
+
+}  // namespace velmar_bench
