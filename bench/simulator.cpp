@@ -46,6 +46,7 @@ struct Cost {
 // Runs a command without its output. What it takes holds the part of the service that it started.
 Cost CostOf(std::vector<std::string> command) {
     std::vector<char*> arguments;
+    arguments.reserve(command.size() + 1);
     for (std::string& argument : command) arguments.push_back(argument.data());
     arguments.push_back(nullptr);
     posix_spawn_file_actions_t actions;
@@ -61,8 +62,10 @@ Cost CostOf(std::vector<std::string> command) {
     rusage used = {};
     wait4(process, &status, 0, &used);
     if (status != 0) throw std::runtime_error(command[0] + " " + command[1] + " has failed");
-    const std::chrono::duration<double> taken = steady_clock::now() - begin;
-    return {static_cast<double>(used.ru_utime.tv_sec) + 1e-6 * used.ru_utime.tv_usec, taken.count(),
+    using Seconds = std::chrono::duration<double>;
+    const Seconds user = std::chrono::seconds(used.ru_utime.tv_sec) +
+                         std::chrono::microseconds(used.ru_utime.tv_usec);
+    return {user.count(), Seconds(steady_clock::now() - begin).count(),
             static_cast<double>(used.ru_maxrss)};
 }
 
