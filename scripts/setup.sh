@@ -14,7 +14,7 @@ packages=(
     cmake g++ ninja-build
     protobuf-compiler libprotobuf-dev
     android-liblog-dev android-libbase-dev
-    libcli11-dev libedit-dev libpcap-dev
+    libcli11-dev libedit-dev libpcap-dev libre2-dev
     libgmock-dev libgtest-dev
     strace python3
 )
@@ -28,7 +28,8 @@ case "${*:-build}" in
             clang clang-format clang-tidy git libclang-rt-14-dev llvm libc++-dev libc++abi-dev
             blueprint-tools checkpolicy m4 mmdebstrap selinux-utils shellcheck
             g++-aarch64-linux-gnu qemu-user-static tshark
-            {libprotobuf,android-liblog,android-libbase,libedit,libgmock,libgtest,libpcap}-dev:arm64
+            {android-liblog,android-libbase,libprotobuf}-dev:arm64
+            {libedit,libgmock,libgtest,libpcap,libre2}-dev:arm64
         )
         ;;
     *)

@@ -76,7 +76,8 @@ bool PhoneFolder::IsPropertyValue(const std::string& name, const std::string& va
 }
 
 bool PhoneFolder::IsPhonePath(const std::string& path) {
-    return path.size() > 1 && path.front() == '/' && (path + "/").find("/../") == std::string::npos;
+    return path.size() > 1 && path.front() == '/' && path.find('\0') == std::string::npos &&
+           (path + "/").find("/../") == std::string::npos;
 }
 
 bool PhoneFolder::IsOnPhone(const std::string& path) {

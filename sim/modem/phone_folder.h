@@ -32,7 +32,7 @@ class PhoneFolder {
     // Whether a property of this name may have this value. Those that begin with "ro." may be long.
     static bool IsPropertyValue(const std::string& name, const std::string& value);
 
-    // Whether `path` is absolute, without "..", and not just "/".
+    // Whether `path` is absolute, without ".." and byte 0, and not just "/".
     static bool IsPhonePath(const std::string& path);
 
     // Whether it is such a path of which a program in the phone sees the phone's own file.

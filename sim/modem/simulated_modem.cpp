@@ -28,7 +28,6 @@ using velmar_message::VelmarMessage;
 constexpr size_t kReceiveBufferSize = size_t{1} << 20;
 // Asked for; the kernel grants what its limit allows, and always room for the largest message.
 constexpr int kSendBufferSize = 1 << 20;
-constexpr size_t kMaxMessageSize = size_t{128} << 10;
 constexpr std::chrono::seconds kSendTimeout{5};
 // Between two looks at a connection that tells no one of its change.
 constexpr int kPollMilliseconds = 2;
@@ -151,8 +150,8 @@ void SimulatedModem::Send(const VelmarMessage& message) {
 }
 
 void SimulatedModem::SendBytes(const std::string& bytes) {
-    if (bytes.empty() || bytes.size() > kMaxMessageSize) {
-        throw std::runtime_error("a message has 1 to " + std::to_string(kMaxMessageSize) +
+    if (bytes.empty() || bytes.size() > kMaxMessageOfModem) {
+        throw std::runtime_error("a message has 1 to " + std::to_string(kMaxMessageOfModem) +
                                  " bytes, found " + std::to_string(bytes.size()));
     }
     std::unique_lock<std::mutex> guard(lock);

@@ -21,6 +21,8 @@ namespace velmar_sim {
 
 // The largest message that the phone receives whole, in bytes.
 constexpr size_t kMaxMessageForPhone = 65568;
+// The largest that the modem can send, in bytes; the phone cuts it.
+constexpr size_t kMaxMessageOfModem = size_t{128} << 10;
 
 // One message that the service wrote.
 struct ReceivedMessage {

@@ -34,6 +34,18 @@ constexpr unsigned long kBootStateIoctl = 0x6F27;
 
 // Below the folder: one file per property, named as the property, its content the value.
 constexpr char kPropertyDirectory[] = "/properties";
+// The platform bounds no name; here it is one of a file.
+constexpr size_t kMaxPropertyName = 255;
+
+// Whether a property can have this name.
+inline bool IsPropertyName(std::string_view name) {
+    constexpr std::string_view kLegal =
+            "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.-_@:";
+    return !name.empty() && name.size() <= kMaxPropertyName && name.front() != '.' &&
+           name.back() != '.' && name.find("..") == std::string_view::npos &&
+           name.find_first_not_of(kLegal) == std::string_view::npos;
+}
+
 // Below the folder: names of properties whose setting is refused, one a line. May be missing.
 constexpr char kRefusedProperties[] = "/refused_properties";
 // Below the folder: the state file, mapped shared.

@@ -30,14 +30,6 @@ namespace {
 // What the platform gives in the place of a longer value.
 constexpr char kTooLong[] = "Must use __system_property_read_callback() to read";
 
-bool IsLegalName(std::string_view name) {
-    constexpr std::string_view kLegal =
-            "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.-_@:";
-    return !name.empty() && name.front() != '.' && name.back() != '.' &&
-           name.find("..") == std::string_view::npos &&
-           name.find_first_not_of(kLegal) == std::string_view::npos;
-}
-
 // Such a property is set once, and its value may be of any length.
 bool IsReadOnly(std::string_view name) {
     return name.substr(0, 3) == "ro.";
@@ -50,7 +42,7 @@ std::string FileOf(const Phone& phone, const std::string& name) {
 std::optional<std::string> ReadProperty(const char* name) {
     const Phone* phone = CurrentPhone();
     std::string value;
-    if (phone == nullptr || name == nullptr || !IsLegalName(name)) return std::nullopt;
+    if (phone == nullptr || name == nullptr || !IsPropertyName(name)) return std::nullopt;
     if (!android::base::ReadFileToString(FileOf(*phone, name), &value)) return std::nullopt;
     return value;
 }
@@ -90,7 +82,7 @@ int property_get(const char* key, char* value, const char* default_value) {
 int property_set(const char* key, const char* value) {
     const velmar_phone::Phone* phone = velmar_phone::CurrentPhone();
     const std::string text = value == nullptr ? "" : value;
-    if (phone == nullptr || key == nullptr || !velmar_phone::IsLegalName(key)) return -1;
+    if (phone == nullptr || key == nullptr || !velmar_phone::IsPropertyName(key)) return -1;
     const bool is_too_long = text.size() >= PROP_VALUE_MAX && !velmar_phone::IsReadOnly(key);
     if (is_too_long || velmar_phone::IsRefused(*phone, key)) return -1;
     return velmar_phone::WriteProperty(*phone, key, text) ? 0 : -1;

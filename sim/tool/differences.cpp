@@ -8,6 +8,7 @@
 
 #include "sim/tool/message_text.h"
 #include "sim/tool/names.h"
+#include "sim/tool/patterns.h"
 #include "sim/tool/simulated_radio.h"
 
 namespace velmar_sim {
@@ -18,18 +19,12 @@ using android::base::StringPrintf;
 using google::protobuf::util::MessageDifferencer;
 using velmar_message::VelmarMessage;
 
-// The matcher's recursion grows with the text.
-constexpr size_t kMaxMatchedText = 8192;
 constexpr size_t kMaxDifferenceLine = 200;
 
 }  // namespace
 
 std::string ExpectedActual(const std::string& expected, const std::string& actual) {
     return "\n  expected: " + expected + "\n  actual:   " + actual;
-}
-
-bool MatchesPattern(const std::string& text, const std::regex& pattern) {
-    return text.size() <= kMaxMatchedText && std::regex_match(text, pattern);
 }
 
 std::string MessageDifference(const VelmarMessage& expected, const ReceivedMessage& actual,
@@ -71,9 +66,9 @@ std::string FileDifference(const FileState& expected, const PhoneFolder& folder)
                std::to_string(same.first - content.begin()) + " on" +
                ExpectedActual(QuoteBytes(expected.content()), QuoteBytes(content));
     }
-    if (expected.has_matching() && !MatchesPattern(content, std::regex(expected.matching()))) {
+    if (expected.has_matching() && !MatchesPattern(content, expected.matching())) {
         return path + " has content that does not match" +
-               ExpectedActual("/" + expected.matching() + "/", QuoteBytes(content));
+               ExpectedActual(QuoteBytes(expected.matching()), QuoteBytes(content));
     }
     return "";
 }

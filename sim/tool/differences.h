@@ -1,6 +1,5 @@
 #pragma once
 
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -9,14 +8,11 @@
 #include "sim/tool/scenario.pb.h"
 
 // What a scenario expects against what there is. Differences are told in words that show both; an
-// empty text is no difference. Any thread.
+// empty text is no difference. Main thread.
 namespace velmar_sim {
 
 // Two lines, to be put behind what differs.
 std::string ExpectedActual(const std::string& expected, const std::string& actual);
-
-// Whether all of `text` matches; a text of more than 8192 bytes never does.
-bool MatchesPattern(const std::string& text, const std::regex& pattern);
 
 // With `any_token` the token is not compared.
 std::string MessageDifference(const velmar_message::VelmarMessage& expected,

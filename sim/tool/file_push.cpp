@@ -93,7 +93,8 @@ std::string PushError(const Push& push) try {
         return "expected a file_dir of FILE_DIRECTORY_MDS or FILE_DIRECTORY_REPLAY";
     }
     if (!PhoneFolder::IsPhonePath("/" + push.file_name())) {
-        return "expected a file_name without \"..\", found \"" + push.file_name() + "\"";
+        return "expected a file_name without \"..\" and byte 0, found " +
+               QuoteBytes(push.file_name());
     }
     const uint64_t size = SizeOf(push);
     if (size < 1 || size > kMaxFileSize) {

@@ -24,7 +24,8 @@ class BadScenario : public BadInput {
     using BadInput::BadInput;
 };
 
-// Reads a scenario in text form. `path` names it in messages. Throws BadScenario. Any thread.
+// Reads a scenario in text form. `path` names it in messages. Throws BadScenario. As all of these,
+// on the main thread.
 ScenarioFile ParseScenario(const std::string& path, const std::string& text);
 
 // The same from the file `path`.
@@ -36,5 +37,12 @@ Phone ParsePhone(const std::string& path, const std::string& text);
 // Reads what stands inside of a step. `text` is the line with this number, and errors are named
 // "LINE:COLUMN: what was expected". Paths of files lead from the working folder.
 Step ParseStep(size_t line, const std::string& text);
+
+// What is wrong with a part of a scenario that was no text, by the same checks; `name` names it.
+// Empty when nothing is.
+std::string ErrorsOf(const google::protobuf::Message& part, const std::string& name);
+
+// What is wrong with the size in bytes of a message that the modem sends; empty when nothing is.
+std::string SizeError(size_t size);
 
 }  // namespace velmar_sim

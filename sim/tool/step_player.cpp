@@ -6,7 +6,6 @@
 #include <sys/wait.h>
 
 #include <algorithm>
-#include <regex>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -20,6 +19,7 @@
 #include "sim/tool/interruption.h"
 #include "sim/tool/message_text.h"
 #include "sim/tool/names.h"
+#include "sim/tool/patterns.h"
 
 namespace velmar_sim {
 
@@ -37,18 +37,17 @@ constexpr milliseconds kPollInterval{2};
 constexpr uint32_t kQuietMs = 300;
 
 LogStream::Matcher LogMatcher(const LogPattern& pattern) {
-    const std::regex expression(pattern.matching());
     const std::optional<char> priority = PriorityFromText(pattern.priority());
-    return [pattern, expression, priority](const LogLine& line) {
+    return [pattern, priority](const LogLine& line) {
         if (line.tag != pattern.tag() || (priority && *priority != line.priority)) return false;
         if (pattern.has_text()) return line.text == pattern.text();
-        return MatchesPattern(line.text, expression);
+        return MatchesPattern(line.text, pattern.matching());
     };
 }
 
 std::string DescribePattern(const LogPattern& pattern) {
     return pattern.priority() + (pattern.has_priority() ? " " : "") + pattern.tag() + ": " +
-           (pattern.has_text() ? pattern.text() : "/" + pattern.matching() + "/");
+           (pattern.has_text() ? pattern.text() : "matching " + QuoteBytes(pattern.matching()));
 }
 
 // Whether the step acts on the phone in a way that neither the modem nor the service shows.

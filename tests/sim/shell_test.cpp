@@ -39,7 +39,7 @@ save )" << saved;
     EXPECT_EQ(ShellOutput("{ $sim shell --modem-state 4 --property ro.a=b" + options + "2>&1 <" +
                           lines + "; echo $?; } | grep '^[0-9]'"),
               "2:12: Message type \"velmar_message.VelmarMessage\" has no field named \"typo\".\n"
-              "3:7: matching: expected a regular expression, found \"(\"\n"
+              "3:7: matching: expected a regular expression, found \"(\": missing ): \"(\"\n"
               "4: the message differs\n"
               "11: velmar ended unexpectedly: SIGKILL; restart {} starts it again\n"
               "2\n");

@@ -33,6 +33,7 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 using testing::SizeIs;
+using testing::StartsWith;
 using velmar_sim::TemporaryFolder;
 
 namespace {
@@ -71,23 +72,32 @@ std::string ErrorsOf(const std::string& scenario) {
 
 TEST(ScenarioReader, ErrorsAreNamedByFileAndLine) {
     const std::string long_value(92, 'v');
+    const std::string property =
+            "expected a property's name: 1 to 255 letters, digits and .-_@: without \"..\", and no "
+            "dot at either end, found ";
     const std::string push = " file_dir: FILE_DIRECTORY_MDS file_name: 'a' } }";
     // The lines of a scenario, and what is wrong with each.
     const std::pair<std::string, std::string> lines[] = {
             {"phone { missing: '/data/b' missing: '/dat/a' }",
-             R"(missing: expected a path of the phone without "..": a device, or one in /data, )"
-             R"(/vendor, /mnt/vendor or /sys/devices/platform/cp-tm1, found "/dat/a")"},
+             R"(missing: expected a path of the phone without ".." and byte 0: a device, or one )"
+             R"(in /data, /vendor, /mnt/vendor or /sys/devices/platform/cp-tm1, found "/dat/a")"},
             {"step { signal: 'USR1' }",
              R"(signal: expected a signal such as "SIGUSR1", found "USR1")"},
-            {"step { log { matching: '(' } }",
-             R"(matching: expected a regular expression, found "(")"},
             {"step { log { text: 'a' for_ms: 5 } }", "step: expected for_ms in no_log only"},
             {"step { send {} any_token: true }", "step: expected any_token with expect only"},
             {"step { property { name: 'a' } }", "property: expected value or unset"},
             {"step { set_property { name: 'a' value: '" + long_value + "' } }",
              "set_property: expected a value of at most 91 bytes, or a name that begins with "
              "\"ro.\""},
+            {"step { property { name: 'a/b' unset: true } }", "name: " + property + "\"a/b\""},
+            {"step { client { argument: '\\0' } }",
+             "argument: expected one without byte 0, found \"\\x00\""},
+            {"step { send {} }", "step: expected a message of 1 to 131072 bytes, found 0"},
+            {"step { send_bytes: '" + std::string(131073, 'a') + "' }",
+             "step: expected a message of 1 to 131072 bytes, found 131073"},
             {"step { fault { path: '/a' error: 'EIO' } }", "fault: expected call"},
+            {"step { fault { call: 'read' path: '/a' length: 0 times: 2147483648 } }",
+             "fault: expected times above 0; times, skip and length of at most 2147483647"},
             {"step { fault { call: 'fork' path: '/a' length: 1 } }",
              R"(call: expected a call such as "read", found "fork")"},
             {"step { push { generated { size: 1 } } }",
@@ -95,7 +105,7 @@ TEST(ScenarioReader, ErrorsAreNamedByFileAndLine) {
             {"step { push { generated {}" + push,
              "push: expected a file of 1 to 4294967295 bytes, found 0"},
             {"step { push { generated { size: 1 } file_dir: FILE_DIRECTORY_MDS file_name: '..' } }",
-             R"(push: expected a file_name without "..", found "..")"},
+             R"(push: expected a file_name without ".." and byte 0, found "..")"},
             {"step { push { generated { size: 1 } chunk_size: 0" + push,
              "push: expected a chunk_size of 1 to 65568, found 0"},
             {"step { push { source: '/none'" + push,
@@ -118,6 +128,29 @@ TEST(ScenarioReader, ErrorsAreNamedByFileAndLine) {
     EXPECT_EQ(ErrorsOf("step {\n runing {} }"),
               R"(f:2:9: Message type "velmar_sim.Step" has no field named "runing".)");
     EXPECT_EQ(ErrorsOf("description: 'd'"), "f:1: scenario: expected a step");
+    std::string faults;
+    for (int i = 0; i < 16; ++i) faults += "step { fault { call: 'read' path: '/a' length: 0 } }\n";
+    EXPECT_EQ(ErrorsOf(faults + "step { clear_faults {} }" + faults), "");
+    EXPECT_EQ(ErrorsOf(faults + "step { say: 'x' }" + faults),
+              "f:17: fault: expected at most 16 in a row");
+}
+
+TEST(ScenarioReader, WhatIsWrongWithAPatternIsToldWithItsColumn) {
+    const std::pair<std::string, std::string> patterns[] = {
+            {"(", R"(found "(": missing ): "(")"},
+            {"[^]*]", R"(found "[^]*]": write (?s:.) for any character instead of [^])"},
+            {"(?!a)b", R"(invalid perl operator: "(?!"; there is no look-ahead: write out)"},
+            {"(a)\\\\1", R"(invalid escape sequence: "\\1"; there are no back references: write)"},
+            {"((a{99}){99}){99}", R"(invalid repetition size: "{99}")"},
+            {std::string(80000, '['), "[[[\"... (80000 bytes)"},
+    };
+    for (const auto& [pattern, error] : patterns) {
+        const std::string errors = ErrorsOf("step {\n log { matching: '" + pattern + "' } }");
+        EXPECT_THAT(errors, StartsWith("f:2:8: matching: expected a regular expression, found "));
+        EXPECT_THAT(errors, HasSubstr(error));
+        EXPECT_LT(errors.size(), 300U);
+    }
+    EXPECT_EQ(ErrorsOf(R"(step { log { matching: "[\\]\\[^a[]\\[^]\\[]" } })"), "");
 }
 
 // Runs of velmar_sim with a folder of their own for temporary files.
@@ -204,7 +237,7 @@ TEST_F(ToolTest, VerdictsAndExitStatuses) {
              "s:5: no such log line came within 9 ms\n  expected: stderr: one\n  actual:   -\n"
              "  last log lines:\n    stderr: one"},
             {logs + "step { no_log { tag: 'stderr' matching: 'o.e' for_ms: 9000 } }", 1,
-             "s:2: such a log line came: stderr: /o.e/"},
+             "s:2: such a log line came: stderr: matching \"o.e\""},
             {phone + "step { client { argument: '-c' argument: 'echo $0; exit 2' exit_status: 2 "
                      "output: 'v' } }",
              1, "s:2: the run wrote something else\n  expected: \"v\"\n  actual:   \"velmar\\n\""},
@@ -213,6 +246,10 @@ TEST_F(ToolTest, VerdictsAndExitStatuses) {
             {phone + "step { file { path: '/data/f' content: 'abc' mode: '0640' } }\n"
                      "step { file { path: '/data/f' content: 'abX' } within_ms: 9 }",
              1, "s:3: /data/f has other content, from byte 2 on\n  expected: \"abX\"\n"},
+            {phone + "step { write_file { path: '/data/f' content: '" + std::string(9000, '=') +
+                     "\\n\\xff' } }\nstep { file { path: '/data/f' matching: '(=*)*\\n.' } }\n"
+                     "step { file { path: '/data/f' matching: '.*=.*=.*;.*' } within_ms: 9 }",
+             1, "s:4: /data/f has content that does not match\n  expected: \".*=.*=.*;.*\""},
             {phone + "step { send_bytes: 'x' }", 1, "s:2: velmar does not run"},
             {phone + "step { fault { call: 'read' path: '/data/x' error: 'EIO' } }", 1,
              "s: faults have hit nothing: read /data/x"},
