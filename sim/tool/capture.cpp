@@ -59,22 +59,37 @@ Headers HeadersFor(size_t size, bool is_sent) {
     return headers;
 }
 
-// The message in a packet; its text is empty when the packet is none of ours.
-Event MessageIn(const pcap_pkthdr& packet, const u_char* data) {
+// The message in a packet. `place` stands before what is said of another packet.
+Event MessageIn(const pcap_pkthdr& packet, const u_char* data, const std::string& place) {
+    const auto require = [&place](bool holds, const char* expected) {
+        if (!holds) throw BadInput(place + expected);
+    };
     Headers headers = {};
+    memcpy(&headers, data, std::min<size_t>(packet.caplen, sizeof(headers)));
+    const iphdr& ip = headers.ip;
+    const uint32_t source = ntohl(ip.saddr);
+    require(packet.caplen > sizeof(headers) && ip.version == IPVERSION &&
+                    ip.ihl == kWordsOfHeader && ip.protocol == IPPROTO_UDP &&
+                    (source == kModemAddress || source == kPhoneAddress),
+            "UDP from 10.0.0.2, the modem, or 10.0.0.1, the phone");
+    require((ntohs(ip.frag_off) & (IP_MF | IP_OFFMASK)) == 0, "a whole datagram, found a fragment");
+    require(headers.udp.source == htons(kPort) && headers.udp.dest == htons(kPort),
+            "UDP between ports 50505");
+    const size_t end = sizeof(ip) + ntohs(headers.udp.len);
+    require(end > sizeof(headers) && end <= ntohs(ip.tot_len) && end <= packet.len,
+            "a UDP length that fits the packet");
+    require(packet.ts.tv_sec >= 0 && packet.ts.tv_sec <= UINT32_MAX && packet.ts.tv_usec >= 0 &&
+                    packet.ts.tv_usec < kMicrosecondsPerSecond,
+            "a time of 32 bits");
     Event event;
-    if (packet.caplen <= sizeof(headers)) return event;
-    memcpy(&headers, data, sizeof(headers));
-    const uint32_t source = ntohl(headers.ip.saddr);
-    if (headers.ip.version != IPVERSION || headers.ip.ihl != kWordsOfHeader ||
-        headers.ip.protocol != IPPROTO_UDP ||
-        (source != kModemAddress && source != kPhoneAddress)) {
-        return event;
-    }
     event.kind = source == kModemAddress ? Event::Kind::kSent : Event::Kind::kReceived;
-    event.text.assign(data + sizeof(headers), data + packet.caplen);
-    if (packet.len > packet.caplen)
-        event.total = packet.len - static_cast<int64_t>(sizeof(headers));
+    // There may be padding behind the datagram.
+    event.text.assign(data + sizeof(headers), data + std::min<size_t>(packet.caplen, end));
+    // A message that fits no datagram is as long as its packet says.
+    const size_t whole = end == IP_MAXPACKET ? packet.len : end;
+    if (whole > sizeof(headers) + event.text.size()) {
+        event.total = static_cast<int64_t>(whole - sizeof(headers));
+    }
     event.since_boot =
             std::chrono::seconds(packet.ts.tv_sec) + std::chrono::microseconds(packet.ts.tv_usec);
     return event;
@@ -149,10 +164,7 @@ void ReadCapture(const std::string& path, InputFile file, const TraceReader& rea
         const int result = pcap_next_ex(capture.get(), &packet, &data);
         if (result == PCAP_ERROR_BREAK) return;
         if (result != 1) throw BadInput(place + "a packet: " + pcap_geterr(capture.get()));
-        const Event event = MessageIn(*packet, data);
-        if (event.text.empty()) {
-            throw BadInput(place + "UDP from 10.0.0.2, the modem, or 10.0.0.1, the phone");
-        }
+        const Event event = MessageIn(*packet, data, place);
         if (event.total > 0) {
             Event cut = event;
             cut.kind = Event::Kind::kText;

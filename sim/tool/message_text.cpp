@@ -70,6 +70,20 @@ std::string QuoteBytes(const std::string& bytes) {
     return text;
 }
 
+std::string Printable(const std::string& text) {
+    std::string shown;
+    unsigned char before = 0;
+    for (const char one : text) {
+        const auto byte = static_cast<unsigned char>(one);
+        // Those beyond ASCII stand after 0xc2.
+        const bool is_control = (byte < ' ' && one != '\n' && one != '\t') || one == '\x7f' ||
+                                (before == 0xc2 && byte < 0xa0);
+        shown += is_control ? android::base::StringPrintf("\\x%02x", byte) : std::string(1, one);
+        before = byte;
+    }
+    return shown;
+}
+
 std::string HexBytes(const std::string& bytes, bool whole) {
     const size_t shown = whole ? bytes.size() : std::min(bytes.size(), kMaxShownBytes);
     std::string text;

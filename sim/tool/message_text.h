@@ -21,6 +21,9 @@ std::string CountOf(size_t count, const std::string& noun);
 // `bytes` in quotes, with escapes, cut after 64 bytes with the length behind.
 std::string QuoteBytes(const std::string& bytes);
 
+// `text` as a terminal may have it: control characters but line feeds and tabs are escaped.
+std::string Printable(const std::string& text);
+
 // `bytes` in hexadecimal, cut after 64 bytes unless `whole`.
 std::string HexBytes(const std::string& bytes, bool whole = false);
 

@@ -412,6 +412,8 @@ std::vector<RecordedSession> ReadSessions(const std::string& path) {
         // The heading of a session stands before its phone.
         if (event.kind != Event::Kind::kHeading) sessions.back().rows.push_back({event, place});
     });
+    if (sessions.back().rows.empty())
+        throw BadInput(path + ": expected rows, found none to replay");
     return sessions;
 }
 

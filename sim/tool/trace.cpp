@@ -5,6 +5,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
 #include <cmath>
 #include <optional>
 #include <sstream>
@@ -18,6 +19,7 @@
 #include "sim/tool/capture.h"
 #include "sim/tool/message_text.h"
 #include "sim/tool/names.h"
+#include "sim/tool/scenario_reader.h"
 #include "sim/tool/trace.pb.h"
 
 namespace velmar_sim {
@@ -34,8 +36,10 @@ constexpr char kRadio[] = "radio";
 constexpr char kPhone[] = "phone";
 
 constexpr double kMicrosecondsPerSecond = 1e6;
-// In seconds; later than any clock shows.
-constexpr double kMaxTime = 1e10;
+// In seconds; a capture has no later time.
+constexpr double kMaxTime = 4294967296;
+// Of a JSON error, which may repeat a text of any length.
+constexpr size_t kMaxError = 300;
 
 // What a line lacks to be an event.
 class BadRow : public std::runtime_error {
@@ -45,6 +49,10 @@ class BadRow : public std::runtime_error {
 
 void Require(bool holds, const std::string& expected) {
     if (!holds) throw BadRow("expected " + expected);
+}
+
+void RequireNone(const std::string& error) {
+    if (!error.empty()) throw BadRow(error);
 }
 
 // Velmar speaks to the other one, or is spoken to.
@@ -137,6 +145,11 @@ TraceRow RowFrom(const Event& event) {
     return row;
 }
 
+Event MessageFrom(bool is_sent, const std::string& bytes) {
+    if (is_sent) RequireNone(SizeError(bytes.size()));
+    return {is_sent ? Event::Kind::kSent : Event::Kind::kReceived, bytes};
+}
+
 // An event that the row says by a message, or by a text of its own.
 Event MessageOrText(const TraceRow& row, const std::string& text) {
     if (!row.has_from()) {
@@ -146,8 +159,8 @@ Event MessageOrText(const TraceRow& row, const std::string& text) {
     Require(row.from() == kModem || row.from() == kVelmar,
             "from modem or velmar, found " + QuoteBytes(row.from()));
     Require(row.has_bytes() || row.has_message(), "bytes or message");
-    return {row.from() == kModem ? Event::Kind::kSent : Event::Kind::kReceived,
-            row.has_bytes() ? row.bytes() : row.message().SerializeAsString()};
+    return MessageFrom(row.from() == kModem,
+                       row.has_bytes() ? row.bytes() : row.message().SerializeAsString());
 }
 
 Event FaultFrom(const Fault& fault) {
@@ -185,6 +198,8 @@ Event EventFrom(const TraceRow& row) {
     if (row.has_log()) return LogFrom(row, text);
     if (row.has_fault()) return FaultFrom(row.fault());
     if (row.has_progress()) return ProgressFrom(row.progress());
+    if (row.has_phone()) RequireNone(ErrorsOf(row.phone(), "phone"));
+    if (row.has_step()) RequireNone(ErrorsOf(row.step(), "step"));
     if (row.has_repetition()) {
         return {row.repetition() == BEGIN ? Event::Kind::kRepetitionBegin
                                           : Event::Kind::kRepetitionEnd};
@@ -208,9 +223,10 @@ Event EventFromJson(const std::string& line) {
     const auto status = google::protobuf::util::JsonStringToMessage(line, &row);
     const std::string why = status.message().ToString();
     // The lines after the first show the place in the text.
-    Require(status.ok(), "a row of a trace in JSON: " + why.substr(0, why.find('\n')));
+    Require(status.ok(),
+            "a row of a trace in JSON: " + why.substr(0, std::min(why.find('\n'), kMaxError)));
     Require(row.IsInitialized(), row.InitializationErrorString());
-    Require(row.t() >= 0 && row.t() < kMaxTime, "seconds in t");
+    Require(row.t() >= 0 && row.t() < kMaxTime, "in t seconds from 0 on, below 2^32");
     Event event = EventFrom(row);
     event.since_boot = microseconds(std::llround(row.t() * kMicrosecondsPerSecond));
     return event;
@@ -225,7 +241,7 @@ Event EventFromHex(const std::string& line) {
     const std::optional<std::string> bytes = BytesFromHex(digits);
     Require(bytes && (speaker == kModem || speaker == kPhone),
             "JSON, or \"modem\" or \"phone\" and bytes in hexadecimal, found " + QuoteBytes(line));
-    return {speaker == kModem ? Event::Kind::kSent : Event::Kind::kReceived, *bytes};
+    return MessageFrom(speaker == kModem, *bytes);
 }
 
 }  // namespace
@@ -260,6 +276,26 @@ void TraceWriter::Write(const Event& event) {
 
 void TraceWriter::Finish() {
     if (error != 0) ThrowUnwritable(file_path, error);
+}
+
+bool HoldsTrace(const std::string& path) {
+    InputFile file(fopen(path.c_str(), "re"), fclose);
+    const int first = file == nullptr ? EOF : getc(file.get());
+    if (first == EOF) return true;
+    static_cast<void>(ungetc(first, file.get()));
+    // Lines of hexadecimal are no work of a writer.
+    if (first != '{' && !IsCapture(file.get())) return false;
+    bool has_row = false;
+    try {
+        // One row is enough.
+        ReadTrace(path, std::move(file), [&has_row](const Event&, int) {
+            has_row = true;
+            throw BadInput("");
+        });
+        return true;
+    } catch (const BadInput&) {
+        return has_row;
+    }
 }
 
 void ReadTrace(const std::string& path, InputFile file, const TraceReader& reader) {

@@ -33,6 +33,9 @@ class TraceWriter : public EventWriter {
     std::map<std::pair<Event::Kind, uint32_t>, std::chrono::microseconds> requests;
 };
 
+// Whether the file is empty or begins as the writers of traces begin one.
+bool HoldsTrace(const std::string& path);
+
 // Takes an event of a trace, and where it stands there: the number of its line or packet.
 using TraceReader = std::function<void(const Event& event, int place)>;
 

@@ -96,7 +96,8 @@ void Transcript::ShowProgress(const Event& event) {
 void Transcript::Print(const Event& event, const char* colour, const std::string& text) const {
     const double seconds = std::chrono::duration<double>(event.since_boot).count();
     // A heading stands without a time.
-    const std::string line = (colour == kBold ? "--- " : StringPrintf("%9.3f  ", seconds)) + text;
+    const std::string line =
+            (colour == kBold ? "--- " : StringPrintf("%9.3f  ", seconds)) + Printable(text);
     std::cout << (colours ? colour + line + kReset : line) << std::endl;
 }
 
