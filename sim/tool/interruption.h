@@ -2,11 +2,12 @@
 
 namespace velmar_sim {
 
-// A signal that is to end this program lets it clean up first: what runs is given up by an
-// exception, and the program ends by the signal in the end. A second signal ends it at once.
+// A signal that is to end this program ends it at once as long as there is nothing to clean up.
+// Afterwards what runs is given up by an exception, and the program ends by the signal in the end;
+// within some seconds it does so anyhow, whatever blocks it, and at once with a second signal.
 
-// Notes SIGHUP, SIGINT, SIGQUIT, SIGTERM and SIGPIPE from now on, but those that are ignored. Main
-// thread, once.
+// Notes SIGHUP, SIGINT, SIGQUIT, SIGTERM and SIGPIPE from the first call on, but those that are
+// ignored. Before something is made that is to be cleaned up. Main thread.
 void NoteSignals();
 
 // The signal that came first; 0 when none has come. Any thread.

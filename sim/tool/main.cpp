@@ -11,6 +11,7 @@
 #include "sim/tool/bad_input.h"
 #include "sim/tool/decode_command.h"
 #include "sim/tool/interruption.h"
+#include "sim/tool/message_text.h"
 #include "sim/tool/preview_command.h"
 #include "sim/tool/replay_command.h"
 #include "sim/tool/run_command.h"
@@ -60,17 +61,16 @@ int ExecuteCommandLine(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     OpenStandardDescriptors();
-    velmar_sim::NoteSignals();
-    int status = velmar_sim::kFailed;
+    int status = velmar_sim::kBadInput;
     try {
         status = ExecuteCommandLine(argc, argv);
     } catch (const velmar_sim::BadInput& error) {
-        std::cerr << std::string(error.what()) + "\n";
-        status = velmar_sim::kBadInput;
+        std::cerr << velmar_sim::Printable(error.what()) + "\n";
     } catch (const std::exception& error) {
-        std::cerr << std::string("velmar_sim: ") + error.what() + "\n";
+        std::cerr << "velmar_sim: " + velmar_sim::Printable(error.what()) + "\n";
     }
-    if (!std::cout.flush()) {
+    // A reader that has closed is none of it.
+    if (!std::cout.flush() && velmar_sim::NotedSignal() != SIGPIPE) {
         std::cerr << "standard output: cannot be written\n";
         status = velmar_sim::kBadInput;
     }

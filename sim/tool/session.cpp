@@ -1,16 +1,21 @@
 #include "sim/tool/session.h"
 
+#include <signal.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <iostream>
 
+#include "android-base/scopeguard.h"
 #include "android-base/strings.h"
 
 #include "sim/modem/temporary_folder.h"
 #include "sim/tool/bad_input.h"
 #include "sim/tool/capture.h"
+#include "sim/tool/interruption.h"
 #include "sim/tool/trace.h"
 #include "sim/tool/transcript.h"
 
@@ -27,6 +32,7 @@ bool UsesColours(const std::string& color) {
 // Makes the phone's folder, once the writers know of the session.
 PhoneFolder Begin(const std::string& title, Phone phone, const SessionOptions& options,
                   const SessionWriters& writers, EventStream* events) {
+    NoteSignals();
     for (const auto& writer : writers.all()) events->Attach(writer.get());
     events->Emit({Event::Kind::kHeading, title});
     for (File& file : *phone.mutable_file()) file = WithContent(file);
@@ -84,6 +90,13 @@ void CheckSessionOptions(const SessionOptions& options) {
         throw BadInput("--keep: expected a folder that is empty or can be made, found " +
                        options.keep);
     }
+    // No signal ends this program while the folder is there.
+    sigset_t all;
+    sigset_t blocked;
+    sigfillset(&all);
+    sigprocmask(SIG_SETMASK, &all, &blocked);
+    const auto unblock = android::base::make_scope_guard(
+            [&blocked] { sigprocmask(SIG_SETMASK, &blocked, nullptr); });
     try {
         const TemporaryFolder tried;
     } catch (const std::runtime_error& error) {

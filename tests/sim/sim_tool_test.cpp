@@ -370,6 +370,7 @@ TEST_F(ToolTest, ClosedOutputsAndBrokenPipesDoNoHarm) {
     EXPECT_EQ(ExitStatus(), 0);
     StartShell(run + " | true");
     Finish();
+    EXPECT_EQ(Output(), "");
     EXPECT_THAT(EntriesOf(temporary), IsEmpty());
 }
 
