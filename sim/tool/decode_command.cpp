@@ -1,11 +1,9 @@
 #include "sim/tool/decode_command.h"
 
-#include <filesystem>
 #include <memory>
 #include <string>
 
 #include "sim/tool/bad_input.h"
-#include "sim/tool/interruption.h"
 #include "sim/tool/session.h"
 #include "sim/tool/trace.h"
 
@@ -26,16 +24,8 @@ struct Options {
 int Decode(const Options& options) {
     // Before the writers: nothing is overwritten for the sake of a file that cannot be read.
     InputFile file = OpenInput(options.path);
-    for (const std::string& trace : options.session.traces) {
-        std::error_code failure;
-        const std::string input = options.path == "-" ? "/dev/stdin" : options.path;
-        if (std::filesystem::equivalent(trace, input, failure)) {
-            throw BadInput("--trace: " + trace + ": expected another file than the one to be read");
-        }
-    }
-    SessionWriters writers(options.session);
+    SessionWriters writers(options.session, {options.path});
     ReadTrace(options.path, std::move(file), [&writers](const Event& event, int) {
-        ThrowIfInterrupted();
         for (const auto& writer : writers.all()) writer->Write(event);
     });
     writers.Finish();

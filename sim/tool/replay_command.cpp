@@ -1,5 +1,7 @@
 #include "sim/tool/replay_command.h"
 
+#include <signal.h>
+
 #include <algorithm>
 #include <iostream>
 #include <memory>
@@ -80,13 +82,15 @@ int ReplayTrace(const Options& options) {
         throw BadInput("--keep=DIR: expected a trace of one session, found " +
                        std::to_string(sessions.size()));
     }
-    SessionWriters writers(options.session);
+    SessionWriters writers(options.session, {options.path, options.phone_path});
     ReplayResult all;
     for (size_t i = 0; i < sessions.size() && NotedSignal() == 0; ++i) {
         Session session("replay of " + options.path, phones[i], options.session, writers);
         const ReplayResult result =
                 Replay(sessions[i], options.fast, options.session.time_factor, &session);
-        std::cerr << result.failure;
+        // Nobody reads on.
+        if (NotedSignal() == SIGPIPE) return kFailed;
+        std::cerr << Printable(result.failure);
         all.failure += result.failure;
         all.messages += result.messages;
         all.differing += result.differing;

@@ -69,7 +69,7 @@ int Run(const Options& options) {
     if (files.size() > 1 && IsKeptAt(options.session)) {
         throw BadInput("--keep=DIR: expected one scenario, found " + std::to_string(files.size()));
     }
-    SessionWriters writers(options.session);
+    SessionWriters writers(options.session, options.paths);
     size_t failed = 0;
     size_t steps = 0;
     for (const ScenarioFile& file : files) {
@@ -77,7 +77,7 @@ int Run(const Options& options) {
         // Nobody reads on.
         if (NotedSignal() == SIGPIPE) return kFailed;
         // In one piece, since other output may come between pieces.
-        std::cerr << failure;
+        std::cerr << Printable(failure);
         std::cout << (failure.empty() ? "PASS " : "FAIL ") << file.path << std::endl;
         if (!failure.empty()) ++failed;
         steps += file.step_lines.size();

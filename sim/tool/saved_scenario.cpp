@@ -105,7 +105,7 @@ uint32_t SavedScenario::PauseSoFar() const {
     return last_event - last_item < kAtOnce ? 0 : Generous(last_event - last_item);
 }
 
-std::string SavedScenario::Text(const std::string& folder) const {
+std::string SavedScenario::Text(const std::string& folder, size_t* steps) const {
     const std::lock_guard<std::mutex> guard(lock);
     Scenario begin;
     begin.set_description("A session of velmar_sim shell");
@@ -115,7 +115,9 @@ std::string SavedScenario::Text(const std::string& folder) const {
     *begin.mutable_phone() = booted;
     for (File& file : *begin.mutable_phone()->mutable_file()) LeadFrom(folder, &file);
     text += TextOf(begin);
-    const auto add = [&text](const Step& step) {
+    *steps = 0;
+    const auto add = [&text, steps](const Step& step) {
+        ++*steps;
         Scenario part;
         *part.add_step() = step;
         text += TextOf(part);

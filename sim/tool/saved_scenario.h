@@ -24,8 +24,8 @@ class SavedScenario : public EventWriter {
     void Begin(const Step& step);
     void End(bool has_passed);
 
-    // The scenario in text form, for a file in `folder`.
-    std::string Text(const std::string& folder) const;
+    // The scenario in text form, for a file in `folder`, and how many `steps` it has.
+    std::string Text(const std::string& folder, size_t* steps) const;
 
   private:
     struct Item {

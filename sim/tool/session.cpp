@@ -2,10 +2,8 @@
 
 #include <signal.h>
 #include <stdlib.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <iostream>
 
@@ -27,6 +25,20 @@ bool UsesColours(const std::string& color) {
     if (color != "auto") return color == "always";
     const char* refused = secure_getenv("NO_COLOR");
     return isatty(STDOUT_FILENO) == 1 && (refused == nullptr || *refused == '\0');
+}
+
+// Throws BadInput when to record in this file would destroy what a person made.
+void CheckTrace(const std::string& path, std::vector<std::string> inputs) {
+    std::error_code missing;
+    if (!std::filesystem::is_regular_file(path, missing)) return;
+    inputs.emplace_back("/dev/stdin");
+    for (const std::string& input : inputs) {
+        // By whatever names.
+        if (!std::filesystem::equivalent(path, input, missing)) continue;
+        throw BadInput("--trace: " + path + ": expected a file that is not read as well");
+    }
+    if (HoldsTrace(path)) return;
+    throw BadInput("--trace: " + path + ": expected a new file or a trace, found something else");
 }
 
 // Makes the phone's folder, once the writers know of the session.
@@ -105,7 +117,9 @@ void CheckSessionOptions(const SessionOptions& options) {
     }
 }
 
-SessionWriters::SessionWriters(const SessionOptions& options) {
+SessionWriters::SessionWriters(const SessionOptions& options,
+                               const std::vector<std::string>& inputs) {
+    for (const std::string& path : options.traces) CheckTrace(path, inputs);
     if (!options.quiet) {
         writers.push_back(std::make_unique<Transcript>(UsesColours(options.color), options.full));
     }

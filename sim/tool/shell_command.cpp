@@ -5,8 +5,10 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <iostream>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -21,6 +23,7 @@
 #include "sim/tool/bad_input.h"
 #include "sim/tool/interruption.h"
 #include "sim/tool/line_input.h"
+#include "sim/tool/message_text.h"
 #include "sim/tool/saved_scenario.h"
 #include "sim/tool/scenario_reader.h"
 #include "sim/tool/session.h"
@@ -41,7 +44,7 @@ constexpr char kQuit[] = "quit";
 constexpr char kHelp[] =
         "help [STEP]   what a line can be, what STEP is, or a field in it: help send.file_message\n"
         "phone         names the phone's folder\n"
-        "save FILE     writes what was done as a scenario, with what the service sent\n"
+        "save FILE     writes a new file: what was done as a scenario, with what the service sent\n"
         "quit          ends the session, as the end of the input does\n"
         "Every other line is what stands in \"step { ... }\" of a scenario:\n";
 
@@ -110,7 +113,7 @@ class Shell {
         : phone(PhoneFrom(options)),
           saved(phone),
           input(CompleteLine, [this] { return Look(); }),
-          writers(options.session),
+          writers(options.session, {options.phone_file}),
           session(kTitle, phone, options.session, writers) {
         session.events().Attach(&saved);
     }
@@ -155,7 +158,7 @@ class Shell {
 
     void Say(const std::string& text, int its_status) {
         ShowAll();
-        std::cerr << text + "\n" << std::flush;
+        std::cerr << Printable(text) + "\n" << std::flush;
         status = std::max(status, its_status);
     }
 
@@ -190,10 +193,22 @@ class Shell {
         if (path.empty()) throw BadInput("save: expected the name of a file");
         Try([this] { session.player().AwaitQuiet(); });
         ShowAll();
-        const std::string folder = std::filesystem::absolute(path).parent_path();
-        if (!android::base::WriteStringToFile(saved.Text(folder), path, true)) {
+        const auto own = saved_files.find(path);
+        std::string found;
+        std::error_code missing;
+        if (std::filesystem::is_regular_file(path, missing) &&
+            (own == saved_files.end() || !android::base::ReadFileToString(path, &found, true) ||
+             found != own->second)) {
+            throw BadInput("save: " + path +
+                           ": exists: expected a new file, or one as this session has saved it");
+        }
+        size_t steps = 0;
+        const std::string text = saved.Text(std::filesystem::absolute(path).parent_path(), &steps);
+        if (!(std::ofstream(path, std::ios::binary) << text << std::flush)) {
             throw BadInput("save: " + path + ": cannot be written: " + strerrordesc_np(errno));
         }
+        saved_files[path] = text;
+        std::cout << "saved " + CountOf(steps, "step") + " to " + path << std::endl;
     }
 
     void Play(const Step& step) {
@@ -217,6 +232,8 @@ class Shell {
     LineInput input;
     SessionWriters writers;
     Session session;
+    // What was saved, by the names of the files.
+    std::map<std::string, std::string> saved_files;
     // Number of the last line.
     size_t line = 0;
     int status = kPassed;

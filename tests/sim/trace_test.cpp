@@ -15,9 +15,11 @@ namespace {
 class TraceTest : public testing::Test {
   protected:
     TraceTest() {
-        WriteFile("setup", "scenarios=" SCENARIOS
-                           "; run=\"$sim run --quiet --velmar $velmar\";"
-                           "replay=\"$sim replay --quiet --velmar $velmar\"");
+        WriteFile("setup",
+                  "patched() { head -c $2 $1; printf \"$3\"; tail -c +$(($2 + 2)) $1; };"
+                  "scenarios=" SCENARIOS
+                  "; run=\"$sim run --quiet --velmar $velmar\";"
+                  "replay=\"$sim replay --quiet --velmar $velmar\"");
         WriteFile("s", R"(phone { modem_state: 4 property { name: "p" value: "v" } answer {}
 file { path: "/data/vendor/radio/modem_stat.conf" content: "a:v=1\nb:v=1\n" } }
 step { expect { type: REQUEST message_id: 5 token: 0
@@ -111,8 +113,6 @@ TEST_F(TraceTest, CommandsTakeWhatIsATraceAndNameWhatIsNone) {
     } cases[] = {
             {"$sim decode - < hex", "modem -> velmar  REQUEST (4 bytes) without payload\n", 0},
             {"$sim decode t.pcap", "velmar -> modem  RESPONSE (2 bytes) without payload\n", 0},
-            {"cp t own; $sim decode --trace own own; $sim decode --trace ./own - <own; cmp t own",
-             "own: expected another file than the one to be read\n--trace: ./own: expected", 0},
             {"(echo modem ff; timeout 20 sh -c 'until grep ff shown; do sleep 0.1; done' > came) | "
              "$sim decode - > shown; cat came",
              "modem -> velmar  not a message, 1 byte: ff\n", 0},
@@ -121,14 +121,37 @@ TEST_F(TraceTest, CommandsTakeWhatIsATraceAndNameWhatIsNone) {
             {"head -c 20 t.pcap | $sim decode -", "-: expected a capture: truncated", 2},
             {"(head -c 20 t.pcap; printf '\\1\\0\\0\\0'; tail -c +25 t.pcap) | $sim decode -",
              "-: expected a capture of the link type RAW, found EN10MB", 2},
+            {"patched t.pcap 46 ' ' | $sim decode -", "-:1: expected a whole datagram", 2},
+            {"patched t.pcap 62 a | $sim decode -", "-:1: expected UDP between ports 50505", 2},
+            {"patched t.pcap 65 a | $sim decode -", "-:1: expected a UDP length that fits", 2},
+            {"patched t.pcap 65 '\\13' | $sim decode -", "not a message, 3 bytes: 08 01 10\n", 0},
+            {R"(printf %s '{"t":1,"log":"I","tag":"\u001b","text":"b\nc\u009b"}' | $sim decode -)",
+             "log  I \\x1b: b\n                c\xC2\\x9b\n", 0},
+            {"mkfifo f; timeout -k 9 0.2 $sim decode f; echo $?", "124\n", 0},
             {"echo modem 080 | $sim decode -", "-:1: expected " + hex + "\"modem 080\"", 2},
             {"echo '{\"t\":1' | $sim decode -", row + "Unexpected end of string", 2},
             {"echo '{\"from\":\"modem\",\"bytes\":\"a*b\"}' | $sim decode -", row + "(bytes)", 2},
             {"echo '{\"from\":\"modem\"}' | $sim decode -", "expected bytes or message", 2},
+            {"echo '{\"t\":4294967296,\"heading\":\"\"}' | $sim decode -",
+             "-:1: expected in t seconds", 2},
+            {"echo '{\"step\":{\"signal\":\"SIGFOO\"}}' | $replay -", "-:1: signal: expected a sig",
+             2},
+            {"echo '{\"phone\":{\"missing\":[\"/data/../a\"]}}' | $replay -", "-:1: missing: exp",
+             2},
+            {"echo '{\"from\":\"modem\",\"bytes\":\"\"}' | $replay -", "bytes, found 0", 2},
+            {"$replay --phone same /dev/null", "/dev/null: expected rows, found none", 2},
+            {"$run --trace s $scenarios/tour.textproto", "--trace: s: expected a new file or a tr",
+             2},
+            {"$run --trace hex s", "--trace: hex: expected a new file or a trace", 2},
+            {"ln t own; $sim decode --trace ./own t", "--trace: ./own: expected a file that is not",
+             2},
+            {"$replay --trace t - < t", "--trace: t: expected a file that is not read as well", 2},
+            {"printf 'save n\\nsave n\\nsave s' | $sim shell --velmar $velmar --quiet",
+             " to n\n3: save: s: exists: expected a new file", 2},
             {"$run --trace no/t s", "--trace: no/t: cannot be written: No such file", 2},
             {"$run --trace /dev/full s", "PASSED: 1 scenario, 8 steps\n--trace: /dev/full: cannot",
              2},
-            {"$replay t", "PASSED: 4 messages\n", 0},
+            {"$replay --trace u t && $replay u", "PASSED: 4 messages\n", 0},
             {"$replay --phone same t", "PASSED: 4 messages\n", 0},
             {"$replay --fast --phone property t", "FAILED: 1 of 4 messages", 1},
             {"$replay --fast --phone more t",
