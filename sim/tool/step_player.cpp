@@ -1,8 +1,6 @@
 #include "sim/tool/step_player.h"
 
-#include <fcntl.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <algorithm>
@@ -13,25 +11,23 @@
 #include "android-base/scopeguard.h"
 #include "android-base/stringprintf.h"
 #include "android-base/strings.h"
-#include "android-base/unique_fd.h"
 
 #include "sim/tool/differences.h"
 #include "sim/tool/interruption.h"
 #include "sim/tool/message_text.h"
 #include "sim/tool/names.h"
 #include "sim/tool/patterns.h"
+#include "sim/tool/pid_file.h"
 
 namespace velmar_sim {
 
 namespace {
 
-using android::base::StartsWith;
 using android::base::StringPrintf;
 using std::chrono::milliseconds;
 using velmar_message::VelmarMessage;
 
 constexpr char kServerOption[] = "--server";
-constexpr char kPidFile[] = "/data/vendor/radio/velmar_pid";
 constexpr milliseconds kPollInterval{2};
 // After so long without an event nothing more is due to come of a message.
 constexpr uint32_t kQuietMs = 300;
@@ -60,35 +56,6 @@ bool ChangesPhone(const Step& step) {
 bool IsReplayed(const Step& step) {
     return ChangesPhone(step) || step.has_end_of_file() || step.has_hang_up() ||
            step.has_signal() || step.has_client() || step.has_exit() || step.has_restart();
-}
-
-// Whether getopt takes the argument for the server's option.
-bool IsServerOption(const std::string& argument) {
-    if (StartsWith(argument, "--"))
-        return argument.size() > 2 && StartsWith(kServerOption, argument);
-    return StartsWith(argument, "-") && argument.find('s') != std::string::npos;
-}
-
-// Whether a service that starts on the phone writes its number into the pid file.
-bool WritesPidFile(const Phone& phone) {
-    const auto& arguments = phone.argument();
-    if (!arguments.empty() && std::none_of(arguments.begin(), arguments.end(), IsServerOption)) {
-        return false;
-    }
-    const auto leads_below = [](const std::string& path, const std::string& top) {
-        return StartsWith(path + "/", top + "/");
-    };
-    // A folder is in the place of the file, or is missing or a file itself.
-    const auto& missing = phone.missing();
-    const auto& files = phone.file();
-    return std::none_of(missing.begin(), missing.end(),
-                        [&](const std::string& path) {
-                            return path != kPidFile && leads_below(kPidFile, path);
-                        }) &&
-           std::none_of(files.begin(), files.end(), [&](const File& file) {
-               return file.path() != kPidFile &&
-                      (leads_below(kPidFile, file.path()) || leads_below(file.path(), kPidFile));
-           });
 }
 
 std::string DescribeExit(int status) {
@@ -344,22 +311,10 @@ void StepPlayer::StartService() {
     const auto& arguments = phone.argument();
     std::vector<std::string> all(arguments.begin(), arguments.end());
     if (all.empty()) all.emplace_back(kServerOption);
-    const std::string pid_file = simulation->folder().HostPath(kPidFile);
-    // Keeps the inode of an earlier file from being used again for the new one.
-    const android::base::unique_fd earlier_file(open(pid_file.c_str(), O_PATH | O_CLOEXEC));
-    struct stat earlier = {};
-    struct stat now = {};
-    fstat(earlier_file, &earlier);
+    const PidFile pid_file(phone, simulation->folder());
     service = simulation->Start(all, nullptr);
     // Before that a signal would end it, and a client run would not find it.
-    const auto has_started = [&] {
-        const bool is_new =
-                stat(pid_file.c_str(), &now) == 0 && now.st_size > 0 &&
-                (now.st_ino != earlier.st_ino || now.st_mtim.tv_sec != earlier.st_mtim.tv_sec ||
-                 now.st_mtim.tv_nsec != earlier.st_mtim.tv_nsec);
-        return is_new || !service->IsRunning();
-    };
-    if (WritesPidFile(phone)) WaitUntil(within, has_started);
+    WaitUntil(within, [&] { return pid_file.IsDone() || !service->IsRunning(); });
     service_expected = true;
 }
 
