@@ -22,6 +22,8 @@ namespace {
 
 constexpr int kIdleMilliseconds = 20;
 constexpr int kHistorySize = 1000;
+// What is read of a pipe at once, in bytes.
+constexpr size_t kPartSize = 4096;
 constexpr char kPrompt[] = "velmar> ";
 
 }  // namespace
@@ -63,11 +65,7 @@ LineInput::LineInput(Completer completer, Idle while_idle)
       idle(std::move(while_idle)),
       terminal(std::cout.rdbuf()),
       errors(std::cerr.rdbuf()) {
-    if (isatty(STDIN_FILENO) != 1 || isatty(STDOUT_FILENO) != 1) {
-        // So that input that waits to be read is never out of poll's sight.
-        static_cast<void>(setvbuf(stdin, nullptr, _IONBF, 0));
-        return;
-    }
+    if (isatty(STDIN_FILENO) != 1 || isatty(STDOUT_FILENO) != 1) return;
     std::cout.rdbuf(&held);
     if (isatty(STDERR_FILENO) == 1) std::cerr.rdbuf(&held);
     held.SendTo(terminal);
@@ -98,12 +96,7 @@ LineInput::~LineInput() {
 }
 
 std::optional<std::string> LineInput::Next() {
-    std::string line;
-    if (!is_terminal()) {
-        if (AwaitInput() && std::getline(std::cin, line)) return line;
-        if (ferror(stdin) == 0) return std::nullopt;
-        throw BadInput(std::string("standard input: cannot be read: ") + strerrordesc_np(errno));
-    }
+    if (!is_terminal()) return NextOfPipe();
     held.SendTo(nullptr);
     int size = 0;
     const char* typed = el_gets(editor, &size);
@@ -113,9 +106,31 @@ std::optional<std::string> LineInput::Next() {
     std::cout.flush();
     if (typed == nullptr || size <= 0) return std::nullopt;
     HistEvent event;
-    line = android::base::Trim(std::string(typed, typed + size));
+    std::string line = android::base::Trim(std::string(typed, typed + size));
     if (!line.empty()) history(past, &event, H_ENTER, line.c_str());
     return line;
+}
+
+// Waits for each part of a line alike, so that a signal ends the wait in its midst too.
+std::optional<std::string> LineInput::NextOfPipe() {
+    while (true) {
+        const size_t end = read_ahead.find('\n');
+        if (end != std::string::npos) {
+            std::string line = read_ahead.substr(0, end);
+            read_ahead.erase(0, end + 1);
+            return line;
+        }
+        char part[kPartSize];
+        if (!AwaitInput()) return std::nullopt;
+        const ssize_t size = read(STDIN_FILENO, part, sizeof(part));
+        if (size < 0) {
+            throw BadInput(std::string("standard input: cannot be read: ") +
+                           strerrordesc_np(errno));
+        }
+        if (size == 0 && read_ahead.empty()) return std::nullopt;
+        // The last line may lack its line feed.
+        size == 0 ? read_ahead += '\n' : read_ahead.append(part, static_cast<size_t>(size));
+    }
 }
 
 LineInput* LineInput::Of(EditLine* line) {

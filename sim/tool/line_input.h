@@ -53,6 +53,7 @@ class LineInput {
         std::string text;
     };
 
+    std::optional<std::string> NextOfPipe();
     static LineInput* Of(EditLine* line);
     static int ReadCharacter(EditLine* line, wchar_t* character);
     bool AwaitInput();
@@ -64,6 +65,8 @@ class LineInput {
     std::streambuf* const terminal;
     std::streambuf* const errors;
     HeldOutput held;
+    // Of a pipe.
+    std::string read_ahead;
     EditLine* editor = nullptr;
     History* past = nullptr;
 };
