@@ -101,9 +101,10 @@ void Await(const std::function<bool()>& holds, const std::string& what) {
 class SoakTest : public testing::Test {
   protected:
     SoakTest() {
-        // Long enough for a busy workstation: a response that comes before the service has recorded
-        // its request is lost.
-        simulation.modem().SetResponsePolicy(FromText<velmar_sim::ResponsePolicy>("delay_ms: 200"));
+        // A response that comes before the service has recorded its request is lost, and a busy
+        // workstation may keep the service from that for long.
+        simulation.modem().SetResponsePolicy(
+                FromText<velmar_sim::ResponsePolicy>("delay_ms: 100 again_ms: 1500"));
     }
 
     ~SoakTest() override {
