@@ -25,6 +25,8 @@ constexpr milliseconds kPollInterval{2};
 constexpr milliseconds kMessageLimit{5000};
 // After so long, times the factor, without an event nothing more is due to come.
 constexpr milliseconds kQuietTime{300};
+// The service lets no more time pass by itself: so long it asks a radio that is not available.
+constexpr std::chrono::microseconds kLongestOwnPause = std::chrono::minutes(2);
 // In a trace without times: a service that notes its request only after it has written it misses a
 // response that comes at once.
 constexpr milliseconds kResponseDelay{50};
@@ -223,7 +225,8 @@ class Replayer {
         const auto now = Clock::now();
         const auto due = is_fast ? now : begin + (times[row] - times[0]);
         // What came late in the trace may do so again.
-        const auto from = std::max(due, now + (times[row] - times[last_action]));
+        const auto gap = times[row] - times[last_action];
+        const auto from = std::max(due, now + (is_fast ? std::min(gap, kLongestOwnPause) : gap));
         const std::chrono::duration<double, std::milli> limit = kMessageLimit * factor;
         const auto is_quiet = [&] {
             return Clock::now() > from && session->events().QuietTime() > kQuietTime * factor;
