@@ -2,8 +2,8 @@
 # Builds everything and runs every test. Ends with ctest's summary.
 # Usage: scripts/test.sh [--all]
 #   --all  also keeps the service busy for a minute, runs each fuzzer for 20 s, checks format, lint and
-#          portability, and runs the tests again on the phone's processor (in an emulator) and under
-#          sanitizers
+#          portability, plays both commands of the README on a fresh Debian 13, and runs the tests
+#          again on the phone's processor (in an emulator) and under sanitizers
 set -euo pipefail
 [[ ${1:-} != @(-h|--help) ]] || exec sed -n '2,/^[^#]/s/^# \{0,1\}//p' "$0"
 cd "$(dirname "$0")/.."
@@ -47,4 +47,5 @@ run_tests asan
 build/release/bin/soak_test
 wait "$lint"
 scripts/fuzz.sh all 20
+scripts/check_debian.sh 13
 run_tests tsan
