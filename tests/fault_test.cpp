@@ -260,7 +260,7 @@ class FileFaultTest : public FaultTest, public testing::WithParamInterface<FileF
         log_position = phone.log().Last(SIZE_MAX).size();
         modem.SetState(4);
         Start();
-        // From here on no request of the service opens the channel beside its reader.
+        // The reader serves before the monitor has noted that the modem is online.
         FindLog("Configuring GNSS coex");
         for (const char* text :
              {"INDICATION extended_log_message { indication { name: 'a' data: 'l' } }",

@@ -2,6 +2,7 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <string>
 #include <thread>
@@ -38,6 +39,24 @@ TEST_F(ChannelTest, InterruptedTransfersGoOnAfterAPause) {
     EXPECT_EQ(channel.WriteToChannel(buffer, 4), 0);
     modem.SendBytes("abc");
     EXPECT_EQ(channel.ReadFromChannel(buffer, sizeof(buffer)), 3);
+}
+
+// As of a driver that lets its device be opened once.
+TEST_F(ChannelTest, DeviceIsOpenedOnceByThreadsThatOpenAtTheSameTime) {
+    for (int i = 0; i < 200 && !HasFailure(); ++i) {
+        SitIoChannel channel;
+        injector.Add({"open", kChannel, EBUSY, 0, 1, 1});
+        std::atomic<int> ready{0};
+        const auto open_together = [&] {
+            for (++ready; ready < 2;) std::this_thread::yield();
+            EXPECT_EQ(channel.OpenChannel(), 0);
+        };
+        std::thread sender(open_together);
+        open_together();
+        sender.join();
+        EXPECT_EQ(injector.Left(), 1) << "opened twice";
+        injector.Clear();
+    }
 }
 
 // A reader for the test's own thread.
@@ -97,9 +116,13 @@ TEST_F(ReaderTest, NapsUntilTheModemIsOnlineAndReadsMessagesFollowedByZeros) {
 TEST_F(ReaderTest, LostChannelIsOpenedAgainForAsLongAsItTakes) {
     sizes = {1, 1};
     injector.Add({"read", kChannel, EIO});
-    injector.Add({"open", kChannel, ENXIO, 0, 5, 1});
+    injector.Add({"open", kChannel, ENXIO, 0, 8, 1});
     SendNext();
-    EXPECT_CALL(calls, Usleep(20000)).Times(7).WillRepeatedly(Return(0));
+    std::vector<useconds_t> pauses;
+    EXPECT_CALL(calls, Usleep(testing::_)).WillRepeatedly([&pauses](useconds_t pause) {
+        pauses.push_back(pause);
+        return 0;
+    });
     EXPECT_CALL(handler, ProcessReceivedMessage(testing::_, 1))
             .WillOnce([this](void*, int) {
                 injector.Add({"read", kChannel, 0, 0});
@@ -107,7 +130,10 @@ TEST_F(ReaderTest, LostChannelIsOpenedAgainForAsLongAsItTakes) {
             })
             .WillOnce([this](void*, int) { return SendNext(); });
     reader.Run();
-    EXPECT_EQ(log.Count("E Failed to open IO channel, fd: -1"), 5);
+    EXPECT_THAT(pauses, testing::ElementsAre(20000, 40000, 80000, 160000, 320000, 640000, 1000000,
+                                             1000000, 1000000, 20000));
+    EXPECT_EQ(log.Count("E Failed to open IO channel, fd: -1"), 8);
+    EXPECT_THAT(log.TakeLines(), testing::StartsWith("E Read channel error, size:-1, errno:5; "));
 }
 
 TEST_F(ReaderTest, LooksForTheModemOnceTheBootDeviceIsOpen) {

@@ -2,26 +2,26 @@
 
 #include <pthread.h>
 
-// Work for a thread of its own.
+// A task that runs on its own thread.
 class Runnable {
   public:
     virtual ~Runnable() = default;
 
-    // The work. Runs on the new thread, which ends when this returns.
+    // The task. Runs on the new thread, which ends when this returns.
     virtual void Run() = 0;
 };
 
 // Runs a Runnable on a POSIX thread and joins it when destroyed. There is no stop request: the
-// thread ends when the work returns.
+// thread ends when the task returns.
 class Thread {
   public:
-    // Stores `work`, borrowed (it owns this object, not the reverse); starts nothing.
+    // Borrows `work`, which usually owns this Thread. Does not start it.
     explicit Thread(Runnable* work);
 
     // Waits for a started thread to end. Must not run on that thread.
     virtual ~Thread();
 
-    // The thread's work: that of the runnable, if there is one.
+    // Runs the runnable's task, if there is a runnable. Called on the new thread.
     virtual void Run();
 
     Thread(const Thread&) = delete;

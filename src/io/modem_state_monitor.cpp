@@ -99,7 +99,7 @@ void ModemStateMonitor::Run() {
 void ModemStateMonitor::PollModemState() {
     int old_state = modem_state;
     int state = GetModemState();
-    // Kept even when it is not valid: it decides the next wait, and a repeat of it is silent.
+    // Stored even if invalid: it selects the next time-out and suppresses repeated lines.
     modem_state = state;
     if (state == old_state) return;
     if (state < 0 || state > kModemStateOnline) {

@@ -9,7 +9,7 @@
 
 class VelmarMessageHandler;
 
-// The one state of the boot device that has a meaning of its own: the modem can be talked to.
+// The boot state in which the modem accepts messages.
 constexpr int kModemStateOnline = 4;
 
 // A function to be called when the modem is back.

@@ -6,6 +6,8 @@
 
 #include "base/log.h"
 
+using android::base::unique_fd;
+
 namespace {
 
 constexpr char kChannelDevice[] = "/dev/oem_ipc1";
@@ -17,37 +19,36 @@ bool IsWorthRetrying(int error) {
 
 }  // namespace
 
-SitIoChannel::SitIoChannel() : fd(-1) {}
-
-SitIoChannel::~SitIoChannel() {
-    CloseChannel();
-}
-
 int SitIoChannel::OpenChannel() {
-    if (fd >= 0) return 0;
+    std::lock_guard<std::mutex> guard(lock);
+    if (fd) return 0;
     int opened = open(kChannelDevice, O_RDWR);
     if (opened < 0) {
         ALOGE("Failed to open IO channel, fd: %d", opened);
         return -1;
     }
-    // A sender and the reader may open at the same time; the one that comes second gives way.
-    int closed = -1;
-    if (!fd.compare_exchange_strong(closed, opened)) close(opened);
+    fd = std::make_shared<const unique_fd>(opened);
     return 0;
 }
 
 int SitIoChannel::CloseChannel() {
-    int open_fd = fd.exchange(-1);
-    if (open_fd >= 0) close(open_fd);
+    std::lock_guard<std::mutex> guard(lock);
+    fd.reset();
     return 0;
 }
 
-int SitIoChannel::GetFd() {
+std::shared_ptr<const unique_fd> SitIoChannel::HoldFd() {
+    std::lock_guard<std::mutex> guard(lock);
     return fd;
 }
 
+int SitIoChannel::GetFd() {
+    std::lock_guard<std::mutex> guard(lock);
+    return fd ? fd->get() : -1;
+}
+
 int SitIoChannel::ReadFromChannel(char* buffer, int size) {
-    int open_fd = fd;
+    int open_fd = GetFd();
     if (buffer == nullptr || open_fd < 0) return -1;
     while (true) {
         ssize_t count = read(open_fd, buffer, size);
@@ -58,17 +59,18 @@ int SitIoChannel::ReadFromChannel(char* buffer, int size) {
 }
 
 int SitIoChannel::WriteToChannel(char* data, int length) {
-    if (data == nullptr || fd < 0) return -1;
+    if (data == nullptr || GetFd() < 0) return -1;
     for (int written = 0; written < length;) {
-        // The descriptor is taken anew each time: the reader may have reopened the channel.
-        ssize_t count = write(fd, data + written, length - written);
-        // Release; pairs with the exchange in CloseChannel: orders the write before a later close.
-        fd.fetch_add(0);
+        // Taken anew each time: the reader may have reopened the channel.
+        std::shared_ptr<const unique_fd> open_fd = HoldFd();
+        if (!open_fd) return -1;
+        ssize_t count = write(open_fd->get(), data + written, length - written);
         if (count > 0) {
             written += static_cast<int>(count);
             continue;
         }
         if (count < 0 && !IsWorthRetrying(errno)) return -1;
+        open_fd.reset();
         usleep(kRetryMicroseconds);
     }
     return 0;

@@ -1,21 +1,25 @@
 #pragma once
 
-#include <atomic>
+#include <android-base/unique_fd.h>
+
+#include <memory>
+#include <mutex>
 
 // The message channel to the modem: a character device on which one write is one message and one
 // read is one message.
 //
-// Nothing is locked. The IO thread opens, reads and closes the channel; every thread that sends
-// opens it too and writes to it.
+// The IO thread opens, reads and closes the channel; every thread that sends opens it too and
+// writes to it. Reads and writes are not locked: those of several threads may overlap.
 class SitIoChannel {
   public:
-    SitIoChannel();
-    ~SitIoChannel();
+    SitIoChannel() = default;
 
-    // Opens the device unless it is open. Returns 0, or -1 with a log line. Any thread.
+    // Opens the device unless it is open; waits for another thread that is opening it. Returns 0,
+    // or -1 with a log line. Any thread.
     int OpenChannel();
 
-    // Closes the device if it is open. Returns 0. IO thread only.
+    // Closes the channel if it is open. The device itself stays open until a write that is under
+    // way has ended. Returns 0. IO thread only.
     int CloseChannel();
 
     // The descriptor, -1 while closed. Any thread.
@@ -33,5 +37,13 @@ class SitIoChannel {
     SitIoChannel& operator=(const SitIoChannel&) = delete;
 
   protected:
-    std::atomic<int> fd;
+    // Guards `fd`; held while the device is opened, since a driver may refuse a second opener.
+    std::mutex lock;
+    // Null while closed. A thread that writes holds it too, so that the number of the descriptor is
+    // not given to another file meanwhile.
+    std::shared_ptr<const android::base::unique_fd> fd;
+
+  private:
+    // The open descriptor, or null. Any thread.
+    std::shared_ptr<const android::base::unique_fd> HoldFd();
 };

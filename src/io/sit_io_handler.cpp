@@ -5,6 +5,8 @@
 #include <sys/select.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "base/log.h"
 #include "handler/velmar_message_handler.h"
 
@@ -14,7 +16,9 @@ namespace {
 constexpr int kBufferSize = 65568;
 
 constexpr unsigned int kOfflineSeconds = 2;
+// The pause before the channel is reopened, and what it grows to while that fails.
 constexpr useconds_t kReopenMicroseconds = 20000;
+constexpr useconds_t kMaxReopenMicroseconds = 1000000;
 
 }  // namespace
 
@@ -52,9 +56,10 @@ void SitIoHandler::Run() {
         ALOGE("Failed to open IO channel");
         return;
     }
-    // Before the device is open the modem reads as offline, which would cost a nap of 2 s.
+    // Until the boot device is open IsModemOnline() is false and this loop would sleep 2 s.
     handler->WaitForBootDevice();
     int used_bytes = kBufferSize;
+    useconds_t pause = kReopenMicroseconds;
     while (true) {
         if (!handler->IsModemOnline()) {
             sleep(kOfflineSeconds);
@@ -62,11 +67,13 @@ void SitIoHandler::Run() {
         }
         int fd = channel->GetFd();
         if (fd < 0) {
-            // The device could not be reopened. There is nothing to wait on, so it is tried again.
-            // Nothing is closed: a sender may have opened the channel since.
-            PauseAndOpenChannel();
+            // Reopen only; do not close, since a sender may have reopened it.
+            pause = std::min(pause * 2, kMaxReopenMicroseconds);
+            usleep(pause);
+            channel->OpenChannel();
             continue;
         }
+        pause = kReopenMicroseconds;
         fd_set readable;
         FD_ZERO(&readable);
         FD_SET(fd, &readable);
@@ -90,20 +97,16 @@ int SitIoHandler::ReceiveMessage(int used_bytes) {
     ALOGE("Read channel error, size:%d, errno:%d", length, error);
     if (length == 0 || (error != EINTR && error != EAGAIN)) {
         channel->CloseChannel();
-        PauseAndOpenChannel();
+        usleep(kReopenMicroseconds);
+        channel->OpenChannel();
     }
     return 0;
-}
-
-void SitIoHandler::PauseAndOpenChannel() {
-    usleep(kReopenMicroseconds);
-    channel->OpenChannel();
 }
 
 int SitIoHandler::SendData(char* data, int length) {
     if (!channel) {
         ALOGE("IO channel is not initialized");
-        // Deliberately success for the caller.
+        // The caller is told success, although nothing was sent.
         return 0;
     }
     channel->OpenChannel();

@@ -43,7 +43,4 @@ class SitIoHandler : public Runnable {
     // left, and hands it on; reopens the channel when it cannot be read. Returns the bytes that it
     // left in the buffer.
     int ReceiveMessage(int used_bytes);
-
-    // Pauses and opens the channel, if that can be done.
-    void PauseAndOpenChannel();
 };
