@@ -3,34 +3,43 @@
 #include "base/log.h"
 #include "base/velmar_status.h"
 
+using velmar_message::FileWriteResponse;
 using velmar_message::ModemStatEnableRequest;
+using velmar_message::PropertyMessage;
 using velmar_message::VelmarMessage;
 using velmar_message::VelmarMessageType;
 
-DiagnosticMessage::DiagnosticMessage(VelmarMessage::PayloadCase id, VelmarMessageType type)
+PayloadMessage::PayloadMessage(VelmarMessage::PayloadCase id, VelmarMessageType type,
+                               SitMessage* request)
     : sit_message(std::make_unique<SitMessage>()) {
     sit_message->InitialHeader(id, type);
+    const VelmarMessage* asked = request != nullptr ? request->GetVelmarMessage() : nullptr;
+    if (asked != nullptr && asked->has_token()) {
+        sit_message->GetVelmarMessage()->set_token(asked->token());
+    }
 }
 
-DiagnosticMessage::DiagnosticMessage(SitMessage* message)
+PayloadMessage::PayloadMessage(SitMessage* message)
     : sit_message(message != nullptr ? message->Clone() : nullptr) {}
 
-DiagnosticMessage::~DiagnosticMessage() = default;
+PayloadMessage::~PayloadMessage() = default;
 
-SitMessage* DiagnosticMessage::GetSitMessage() const {
+SitMessage* PayloadMessage::GetSitMessage() const {
     return sit_message.get();
 }
 
-VelmarMessage* DiagnosticMessage::EnvelopeToFill() {
+void PayloadMessage::SetResult(velmar_message::VelmarResult result) {
+    if (sit_message) sit_message->GetVelmarMessage()->set_result(result);
+}
+
+VelmarMessage* PayloadMessage::EnvelopeToFill() {
     VelmarMessage* envelope = sit_message ? sit_message->GetVelmarMessage() : nullptr;
     if (envelope == nullptr) ALOGE("sit_message is invalid");
     return envelope;
 }
 
 VelmarModemStatMessage::VelmarModemStatMessage(VelmarMessageType type)
-    : DiagnosticMessage(VelmarMessage::kModemStatMessage, type) {}
-
-VelmarModemStatMessage::VelmarModemStatMessage(SitMessage* message) : DiagnosticMessage(message) {}
+    : PayloadMessage(VelmarMessage::kModemStatMessage, type) {}
 
 int VelmarModemStatMessage::FillEnableRequest(const std::string& module, int value,
                                               unsigned int type) {
@@ -56,10 +65,7 @@ int VelmarModemStatMessage::FillReportRequest() {
 }
 
 VelmarExtendedLogMessage::VelmarExtendedLogMessage(VelmarMessageType type)
-    : DiagnosticMessage(VelmarMessage::kExtendedLogMessage, type) {}
-
-VelmarExtendedLogMessage::VelmarExtendedLogMessage(SitMessage* message)
-    : DiagnosticMessage(message) {}
+    : PayloadMessage(VelmarMessage::kExtendedLogMessage, type) {}
 
 int VelmarExtendedLogMessage::FillRequest() {
     VelmarMessage* envelope = EnvelopeToFill();
@@ -69,10 +75,7 @@ int VelmarExtendedLogMessage::FillRequest() {
 }
 
 VelmarUserspaceLogMessage::VelmarUserspaceLogMessage(VelmarMessageType type)
-    : DiagnosticMessage(VelmarMessage::kUserspaceLogMessage, type) {}
-
-VelmarUserspaceLogMessage::VelmarUserspaceLogMessage(SitMessage* message)
-    : DiagnosticMessage(message) {}
+    : PayloadMessage(VelmarMessage::kUserspaceLogMessage, type) {}
 
 int VelmarUserspaceLogMessage::FillEnableRequest(const std::string& name) {
     VelmarMessage* envelope = EnvelopeToFill();
@@ -85,48 +88,27 @@ int VelmarUserspaceLogMessage::FillEnableRequest(const std::string& name) {
     return kStatusSuccess;
 }
 
-ResponseMessage::ResponseMessage(VelmarMessage::PayloadCase id, VelmarMessageType type,
-                                 SitMessage* request)
-    : message(std::make_unique<SitMessage>()) {
-    message->InitialHeader(id, type);
-    const VelmarMessage* asked = request != nullptr ? request->GetVelmarMessage() : nullptr;
-    if (asked != nullptr && asked->has_token()) {
-        message->GetVelmarMessage()->set_token(asked->token());
-    }
-}
-
-ResponseMessage::~ResponseMessage() = default;
-
-SitMessage* ResponseMessage::GetSitMessage() const {
-    return message.get();
-}
-
-void ResponseMessage::SetResult(velmar_message::VelmarResult result) {
-    if (message) message->GetVelmarMessage()->set_result(result);
-}
-
 VelmarPropertyMessage::VelmarPropertyMessage(VelmarMessageType type, SitMessage* request)
-    : ResponseMessage(VelmarMessage::kPropertyMessage, type, request) {}
+    : PayloadMessage(VelmarMessage::kPropertyMessage, type, request) {}
 
 void VelmarPropertyMessage::FillReadResponse(const char* value) {
-    if (!message) return;
-    VelmarMessage* envelope = message->GetVelmarMessage();
-    envelope->mutable_property_message()->mutable_read_response()->set_value(value);
+    PropertyMessage* payload = sit_message->GetVelmarMessage()->mutable_property_message();
+    payload->mutable_read_response()->set_value(value);
 }
 
 void VelmarPropertyMessage::FillWriteResponse() {
-    if (message) message->GetVelmarMessage()->mutable_property_message()->mutable_write_response();
+    sit_message->GetVelmarMessage()->mutable_property_message()->mutable_write_response();
 }
 
 VelmarFileMessage::VelmarFileMessage(VelmarMessageType type, SitMessage* request)
-    : ResponseMessage(VelmarMessage::kFileMessage, type, request) {}
+    : PayloadMessage(VelmarMessage::kFileMessage, type, request) {}
 
 void VelmarFileMessage::FillWriteResponse() {
-    if (message) message->GetVelmarMessage()->mutable_file_message()->mutable_file_write_response();
+    sit_message->GetVelmarMessage()->mutable_file_message()->mutable_file_write_response();
 }
 
 void VelmarFileMessage::SetFileMessageResult(velmar_message::FileMessageResult result) {
-    if (!message) return;
-    VelmarMessage* envelope = message->GetVelmarMessage();
-    envelope->mutable_file_message()->mutable_file_write_response()->set_file_result(result);
+    FileWriteResponse* payload =
+            sit_message->GetVelmarMessage()->mutable_file_message()->mutable_file_write_response();
+    payload->set_file_result(result);
 }

@@ -7,26 +7,29 @@
 
 // The messages that the features send, each around the one SitMessage that it owns. One thread at
 // a time uses a message.
-
-// What the messages about the modem's diagnostics have in common.
-class DiagnosticMessage {
+class PayloadMessage {
   public:
-    virtual ~DiagnosticMessage();
+    // A new message with the header of payload `id` and `type`: a request takes a new token, and
+    // what answers `request` (borrowed) takes the token of that, if it has one.
+    PayloadMessage(velmar_message::VelmarMessage::PayloadCase id,
+                   velmar_message::VelmarMessageType type, SitMessage* request = nullptr);
 
-    DiagnosticMessage(const DiagnosticMessage&) = delete;
-    DiagnosticMessage& operator=(const DiagnosticMessage&) = delete;
+    // A clone of `message`, which the caller keeps; nothing for null.
+    explicit PayloadMessage(SitMessage* message);
+
+    virtual ~PayloadMessage();
+
+    PayloadMessage(const PayloadMessage&) = delete;
+    PayloadMessage& operator=(const PayloadMessage&) = delete;
 
     // The message, borrowed; null when this was made from null.
     SitMessage* GetSitMessage() const;
 
+    // Sets the outcome that the modem is told. A response carries none until then. Does nothing
+    // when there is no message.
+    void SetResult(velmar_message::VelmarResult result);
+
   protected:
-    // A new message with the header of payload `id` and `type`; a request takes a token.
-    DiagnosticMessage(velmar_message::VelmarMessage::PayloadCase id,
-                      velmar_message::VelmarMessageType type);
-
-    // A clone of `message`, which the caller keeps; nothing for null.
-    explicit DiagnosticMessage(SitMessage* message);
-
     // The envelope for a Fill operation; null, with a log line, when there is none.
     velmar_message::VelmarMessage* EnvelopeToFill();
 
@@ -34,17 +37,17 @@ class DiagnosticMessage {
 };
 
 // A message about the modem's statistics.
-class VelmarModemStatMessage : public DiagnosticMessage {
+class VelmarModemStatMessage : public PayloadMessage {
   public:
     // A new message of `type`.
     explicit VelmarModemStatMessage(velmar_message::VelmarMessageType type);
 
     // A clone of `message`, which the caller keeps; nothing for null.
-    explicit VelmarModemStatMessage(SitMessage* message);
+    explicit VelmarModemStatMessage(SitMessage* message) : PayloadMessage(message) {}
 
-    // Makes the payload a request to keep statistics for `module`. A `value` below 0 and a `type`
-    // of 0 are not given: a fresh request then lacks them. Returns kStatusSuccess, kStatusInvalid
-    // for an empty module (nothing is changed) or kStatusNotFound when there is no message.
+    // Makes the payload a request to keep statistics for `module`. A negative `value` or a `type`
+    // of 0 leaves the field unset. Returns kStatusSuccess, kStatusInvalid for an empty module
+    // (nothing is changed) or kStatusNotFound when there is no message.
     int FillEnableRequest(const std::string& module, int value, unsigned int type);
 
     // Makes the payload a request for a report. Returns kStatusSuccess, or kStatusNotFound when
@@ -53,13 +56,13 @@ class VelmarModemStatMessage : public DiagnosticMessage {
 };
 
 // A message about the modem's extended logs.
-class VelmarExtendedLogMessage : public DiagnosticMessage {
+class VelmarExtendedLogMessage : public PayloadMessage {
   public:
     // A new message of `type`.
     explicit VelmarExtendedLogMessage(velmar_message::VelmarMessageType type);
 
     // A clone of `message`, which the caller keeps; nothing for null.
-    explicit VelmarExtendedLogMessage(SitMessage* message);
+    explicit VelmarExtendedLogMessage(SitMessage* message) : PayloadMessage(message) {}
 
     // Makes the payload a request for the logs. Returns kStatusSuccess, or kStatusNotFound when
     // there is no message.
@@ -67,43 +70,21 @@ class VelmarExtendedLogMessage : public DiagnosticMessage {
 };
 
 // A message about the modem's lines in the phone's log.
-class VelmarUserspaceLogMessage : public DiagnosticMessage {
+class VelmarUserspaceLogMessage : public PayloadMessage {
   public:
     // A new message of `type`.
     explicit VelmarUserspaceLogMessage(velmar_message::VelmarMessageType type);
 
     // A clone of `message`, which the caller keeps; nothing for null.
-    explicit VelmarUserspaceLogMessage(SitMessage* message);
+    explicit VelmarUserspaceLogMessage(SitMessage* message) : PayloadMessage(message) {}
 
     // Makes the payload a request to enable `name`. Returns kStatusSuccess, kStatusInvalid for an
     // empty name (nothing is changed) or kStatusNotFound when there is no message.
     int FillEnableRequest(const std::string& name);
 };
 
-// The response to a request of the modem.
-class ResponseMessage {
-  public:
-    // A new message with the header of payload `id` and `type` and, if `request` (borrowed) has
-    // one, its token.
-    ResponseMessage(velmar_message::VelmarMessage::PayloadCase id,
-                    velmar_message::VelmarMessageType type, SitMessage* request);
-    virtual ~ResponseMessage();
-
-    ResponseMessage(const ResponseMessage&) = delete;
-    ResponseMessage& operator=(const ResponseMessage&) = delete;
-
-    // The message, borrowed.
-    SitMessage* GetSitMessage() const;
-
-    // Sets the outcome that the modem is told. A response carries none until then.
-    void SetResult(velmar_message::VelmarResult result);
-
-  protected:
-    std::unique_ptr<SitMessage> message;
-};
-
 // The response to a property request.
-class VelmarPropertyMessage : public ResponseMessage {
+class VelmarPropertyMessage : public PayloadMessage {
   public:
     // A new message of `type` with the token of `request` (borrowed), if that has one.
     VelmarPropertyMessage(velmar_message::VelmarMessageType type, SitMessage* request);
@@ -116,7 +97,7 @@ class VelmarPropertyMessage : public ResponseMessage {
 };
 
 // The response to a file write request.
-class VelmarFileMessage : public ResponseMessage {
+class VelmarFileMessage : public PayloadMessage {
   public:
     // A new message of `type` with the token of `request` (borrowed), if that has one.
     VelmarFileMessage(velmar_message::VelmarMessageType type, SitMessage* request);

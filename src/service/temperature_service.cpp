@@ -32,8 +32,7 @@ void PassToDriver(const ModemTemperatureSetRequest& request) {
         const std::string line = std::to_string(reading.sensor()) +
                                  (reading.update() ? " 1 " : " 0 ") +
                                  std::to_string(reading.temperature()) + "\n";
-        // The driver takes one reading a write. What it does not take whole is lost, and does not
-        // keep the next reading from it.
+        // The driver takes one reading a write. A failed or short write loses that reading only.
         [[maybe_unused]] ssize_t written =
                 TEMP_FAILURE_RETRY(write(node.get(), line.data(), line.size()));
     }
@@ -48,8 +47,8 @@ int VelmarServiceHandler::OnReceiveModemTemperatureRequest(SitMessage* request) 
     }
     PassToDriver(request->GetVelmarMessage()->modem_temperature_message().set_request());
     // Whatever the driver did, the modem is told no result.
-    ResponseMessage response(VelmarMessage::kModemTemperatureMessage, velmar_message::RESPONSE,
-                             request);
+    PayloadMessage response(VelmarMessage::kModemTemperatureMessage, velmar_message::RESPONSE,
+                            request);
     VelmarMessage* envelope = response.GetSitMessage()->GetVelmarMessage();
     envelope->mutable_modem_temperature_message()->mutable_set_response();
     return message_handler->SendResponse(response.GetSitMessage());
