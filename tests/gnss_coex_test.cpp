@@ -8,6 +8,7 @@
 
 #include "base/velmar_status.h"
 #include "radio_test_case.h"
+#include "ril/gnss_coex_service.h"
 #include "waiting_calls.h"
 
 using android::base::Join;

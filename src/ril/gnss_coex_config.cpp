@@ -1,29 +1,14 @@
 #include "ril/gnss_coex_config.h"
 
-#include <android-base/file.h>
 #include <android-base/strings.h>
 
 #include <cmath>
 #include <limits>
 #include <utility>
 
-#include "base/log.h"
-#include "base/velmar_status.h"
-#include "ril/ril_helper.h"
-
-using android::base::ReadFileToString;
 using android::base::Split;
 
 namespace {
-
-// The first one that can be read counts, even if it is empty.
-constexpr const char* kConfigFiles[] = {"/data/vendor/radio/gnss_blanking.csv",
-                                        "/vendor/etc/modem/gnss_blanking.csv"};
-
-constexpr unsigned int kRequestEntry = 226;
-constexpr unsigned int kRequestFirstLine = 227;
-constexpr int kRadioBudgetSeconds = 60;
-constexpr int kDecimal = 10;
 
 constexpr size_t kPairFields = 4;
 
@@ -55,13 +40,11 @@ bool IsNr(const std::string& band) {
     return StartsWith(band, 'N', 'n');
 }
 
-// Decides the kind of an entry and removes the first character of each name that has a letter by
-// its kind.
+// Returns the kind of an entry and strips the letter prefixes from its band names.
 SitGnssBlankingRAT TakeKind(std::string* band1, std::string* band2) {
     if (!band2->empty()) {
         bool has_nr = IsNr(*band2) || IsNr(*band1);
-        // The first character goes whatever it is: deliberately, "3" in place of "B3" leaves
-        // nothing.
+        // In a pair the first character is dropped unchecked: "3" becomes empty.
         band1->erase(0, 1);
         band2->erase(0, 1);
         return has_nr ? kGnssBlankingNrPair : kGnssBlankingLtePair;
@@ -73,14 +56,14 @@ SitGnssBlankingRAT TakeKind(std::string* band1, std::string* band2) {
 }
 
 int ConvertBand(SitGnssBlankingRAT rat, const std::string& band) {
-    if (rat != kGnssBlankingGsm) return std::stoi(band, nullptr, kDecimal);
+    if (rat != kGnssBlankingGsm) return std::stoi(band);
     for (const GsmBand& known : kGsmBands) {
         if (band == known.name) return known.code;
     }
     return 0;
 }
 
-// Out of int's range C++ leaves the conversion open; this is what the phone's processor does.
+// C++ leaves the conversion of a double outside int's range undefined: saturates as aarch64 does.
 int ConvertValue(const std::string& text) {
     double value = std::stod(text);
     if (std::isnan(value)) return 0;
@@ -94,28 +77,6 @@ void PutLow16(uint8_t* bytes, int value) {
     auto bits = static_cast<unsigned int>(value);
     bytes[0] = static_cast<uint8_t>(bits);
     bytes[1] = static_cast<uint8_t>(bits >> 8);
-}
-
-bool ReadConfig(std::string* text) {
-    for (const char* path : kConfigFiles) {
-        if (ReadFileToString(path, text, /*follow_symlinks=*/false)) return true;
-    }
-    return false;
-}
-
-void SendEntry(RilRequestHelper* helper, const std::string& line) {
-    GnssCoexRecord record;
-    switch (MakeGnssCoexRecord(line, &record)) {
-        case GnssCoexLine::kEntry:
-            helper->Send(kRequestEntry, record.data(), record.size(), kRadioBudgetSeconds);
-            break;
-        case GnssCoexLine::kTooShort:
-            ALOGE("Invalid GNSS coex config line - %s", line.c_str());
-            break;
-        case GnssCoexLine::kIncomplete:
-            ALOGE("Invalid band1 GNSS coex configuration - %s", line.c_str());
-            break;
-    }
 }
 
 }  // namespace
@@ -137,7 +98,7 @@ GnssCoexText SplitGnssCoexText(const std::string& text) {
 
 GnssCoexHeader MakeGnssCoexHeader(const std::string& first_line) {
     GnssCoexHeader header;
-    PutLow16(header.data(), std::stoi(first_line, nullptr, kDecimal));
+    PutLow16(header.data(), std::stoi(first_line));
     return header;
 }
 
@@ -165,26 +126,4 @@ GnssCoexLine MakeGnssCoexRecord(const std::string& line, GnssCoexRecord* record)
     }
     *record = filled;
     return GnssCoexLine::kEntry;
-}
-
-int LoadGnssCoexConfig() {
-    ALOGI("Configuring GNSS coex");
-    RilRequestHelper* helper = RilRequestHelper::GetInstance();
-    if (helper == nullptr) {
-        ALOGE("Failed to connect to RIL to send GNSS coex configuration");
-        return kStatusNotFound;
-    }
-    std::string content;
-    if (!ReadConfig(&content)) {
-        ALOGE("Failed to read any GNSS coex configuration file");
-        return kStatusNotFound;
-    }
-    GnssCoexText text = SplitGnssCoexText(content);
-    if (!text.has_lines) {
-        ALOGE("Invalid GNSS coex configuration file");
-    }
-    GnssCoexHeader header = MakeGnssCoexHeader(text.first_line);
-    helper->Send(kRequestFirstLine, header.data(), header.size(), kRadioBudgetSeconds);
-    for (const std::string& line : text.entry_lines) SendEntry(helper, line);
-    return kStatusSuccess;
 }

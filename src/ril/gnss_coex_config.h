@@ -40,7 +40,7 @@ enum class GnssCoexLine {
     kIncomplete,
 };
 
-// The results of the next three functions depend on their text alone. Numbers are converted by
+// The results of these functions depend on their text alone. Numbers are converted by
 // std::stoi and std::stod: white space before a number and anything after it is skipped; a text
 // without a number throws std::invalid_argument, a number that the type cannot hold
 // std::out_of_range. Only the low 16 bits of a number are used. Any thread.
@@ -54,12 +54,3 @@ GnssCoexHeader MakeGnssCoexHeader(const std::string& first_line);
 // Converts the line "band 1,value 1" or "band 1,value 1,band 2,value 2" into `record`. Unless this
 // returns kEntry, `record` is as it was.
 GnssCoexLine MakeGnssCoexRecord(const std::string& line, GnssCoexRecord* record);
-
-// Sends the phone's GNSS coexistence configuration to the radio: request 227 with the first line,
-// then request 226 for each entry. A line that is no entry is logged and skipped; the radio's
-// responses are not looked at. Returns kStatusSuccess, or kStatusNotFound when there is no radio
-// client or no configuration that can be read. A number that cannot be converted throws; the
-// requests before it have been sent. Blocks for up to 5 seconds for each request without a
-// response, and for one to two minutes for each that finds the radio not available. Called by the
-// thread of the service command.
-int LoadGnssCoexConfig();

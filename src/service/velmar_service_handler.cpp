@@ -3,7 +3,7 @@
 #include "base/log.h"
 #include "base/velmar_status.h"
 #include "handler/velmar_message_handler.h"
-#include "ril/gnss_coex_config.h"
+#include "ril/gnss_coex_service.h"
 
 using velmar_message::VelmarMessage;
 
@@ -20,7 +20,7 @@ VelmarServiceHandler::~VelmarServiceHandler() = default;
 
 int VelmarServiceHandler::OnReceiveRequest(SitMessage* message) {
     if (message == nullptr || !message->IsRequest()) return kStatusInvalid;
-    int id = message->GetMessageId() & 0xFFFF;
+    int id = message->GetMessageId();
     switch (id) {
         case VelmarMessage::kModemTemperatureMessage:
             ALOGI("Got modem temperature request");
@@ -39,7 +39,7 @@ int VelmarServiceHandler::OnReceiveRequest(SitMessage* message) {
 
 int VelmarServiceHandler::OnReceiveIndication(SitMessage* message) {
     if (message == nullptr || !message->IsIndication()) return kStatusInvalid;
-    int id = message->GetMessageId() & 0xFFFF;
+    int id = message->GetMessageId();
     switch (id) {
         case VelmarMessage::kModemStatMessage:
             ALOGI("Got modemstat report indication");
