@@ -13,7 +13,7 @@ cd "$(dirname "$0")/.."
 c_headers='dlfcn errno fcntl getopt limits poll pthread signal stdio string sys/ioctl sys/select
 sys/sendfile sys/stat sys/time time unistd'
 platform_headers='android-base/file android-base/stringprintf android-base/strings
-android-base/unique_fd android/log log/log cutils/properties sys/system_properties'
+android-base/unique_fd cutils/properties log/log log/log_radio sys/system_properties'
 c_calls='chmod close fchmod fclose fflush fopen fread fseeko ftello fwrite getopt_long getpid
 gettimeofday ioctl kill localtime_r lseek memcpy memmove memset open poll printf
 pthread_cond_clockwait pthread_create pthread_join pthread_mutex_destroy pthread_mutex_init

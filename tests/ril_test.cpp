@@ -62,6 +62,9 @@ TEST_F(LoaderTest, WithoutALibraryTheInstanceStandsAndFails) {
     EXPECT_EQ(RilClientHelper::GetInstance(), helper);
     EXPECT_EQ(TakeLog(), "") << "it must not be tried again";
     ExpectEveryOperationToFail(helper);
+    TakeLog();
+    { Loader unloaded; }
+    EXPECT_EQ(TakeLog(), "I ~RilClientHelperDLImpl release instance; I Release");
 }
 
 // The last one to be looked up: all others have been found.

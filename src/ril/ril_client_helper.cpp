@@ -1,13 +1,14 @@
 #include "ril/ril_client_helper.h"
 
-#include <android/log.h>
+// Tag of the lines in the radio's log.
+#define LOG_TAG "libsitril-client"
+
 #include <dlfcn.h>
+#include <log/log_radio.h>
 
 namespace {
 
 constexpr char kLibrary[] = "libsitril-client.so";
-constexpr char kRilLogTag[] = "libsitril-client";
-
 const char* const kClassName = "RilClientHelperDLImpl";
 
 // What an operation returns that has no library to call.
@@ -16,8 +17,7 @@ constexpr int kNotLoaded = 1;
 constexpr unsigned int kUsualExtra = 255;
 
 void LogCall(const char* operation) {
-    __android_log_buf_print(LOG_ID_RADIO, ANDROID_LOG_INFO, kRilLogTag, "%s::%s", kClassName,
-                            operation);
+    RLOGI("%s::%s", kClassName, operation);
 }
 
 template <typename... Arguments>
@@ -32,8 +32,7 @@ RilClientHelper* RilClientHelper::GetInstance() {
     static RilClientHelper* instance;
     if (instance != nullptr) return instance;
     auto* created = new RilClientHelperDLImpl();
-    __android_log_buf_print(LOG_ID_RADIO, ANDROID_LOG_INFO, kRilLogTag, "%s::%s create instance",
-                            kClassName, "RilClientHelperDLImpl");
+    RLOGI("%s::%s create instance", kClassName, "RilClientHelperDLImpl");
     instance = created;
     // Without the library the instance stands all the same; its operations say so.
     (void)created->Init();
@@ -41,8 +40,7 @@ RilClientHelper* RilClientHelper::GetInstance() {
 }
 
 RilClientHelperDLImpl::~RilClientHelperDLImpl() {
-    __android_log_buf_print(LOG_ID_RADIO, ANDROID_LOG_INFO, kRilLogTag, "%s::%s release instance",
-                            kClassName, "~RilClientHelperDLImpl");
+    RLOGI("%s::%s release instance", kClassName, "~RilClientHelperDLImpl");
     RilClientHelperDLImpl::Release();
 }
 
@@ -50,8 +48,7 @@ template <typename Entry>
 bool RilClientHelperDLImpl::Bind(const char* symbol, Entry* entry) {
     *entry = reinterpret_cast<Entry>(dlsym(library, symbol));
     if (*entry != nullptr) return true;
-    __android_log_buf_print(LOG_ID_RADIO, ANDROID_LOG_ERROR, kRilLogTag,
-                            "%s::%s error: dlsym failure(%s)", kClassName, "Init", symbol);
+    RLOGE("%s::%s error: dlsym failure(%s)", kClassName, "Init", symbol);
     return false;
 }
 
@@ -59,8 +56,7 @@ bool RilClientHelperDLImpl::Init() {
     LogCall("Init");
     library = dlopen(kLibrary, RTLD_NOW);
     if (library == nullptr) {
-        __android_log_buf_print(LOG_ID_RADIO, ANDROID_LOG_ERROR, kRilLogTag,
-                                "%s::%s error: dlopen failure", kClassName, "Init");
+        RLOGE("%s::%s error: dlopen failure", kClassName, "Init");
         return false;
     }
     bool complete = Bind("RILC_Open", &RILC_Open) && Bind("RILC_OpenV2", &RILC_OpenV2) &&
@@ -82,9 +78,8 @@ void RilClientHelperDLImpl::Release() {
     RILC_Close = nullptr;
     RILC_Reconnect = nullptr;
     RILC_RegisterUnsolicitedHandler = nullptr;
-    // The filter's entry point, which follows, deliberately stays: nothing is called without
-    // `library`.
     RILC_Send = nullptr;
+    // RILC_SetIndicationFilter stays set; Forward() never calls it without `library`.
 }
 
 void* RilClientHelperDLImpl::Open() {
@@ -130,8 +125,7 @@ int RilClientHelperDLImpl::RegisterUnsolicitedResponseHandler(void* handle,
 int RilClientHelperDLImpl::SetIndicationFilter(void* handle, int* filter, size_t size) {
     LogCall("SetIndicationFilter");
     // Deliberately an error line, though nothing has failed.
-    __android_log_buf_print(LOG_ID_RADIO, ANDROID_LOG_ERROR, kRilLogTag,
-                            "%s::%s filter=%p size=%zu", kClassName, "SetIndicationFilter",
-                            static_cast<void*>(filter), size);
+    RLOGE("%s::%s filter=%p size=%zu", kClassName, "SetIndicationFilter",
+          static_cast<void*>(filter), size);
     return Forward(library, RILC_SetIndicationFilter, handle, filter, size);
 }

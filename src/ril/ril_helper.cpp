@@ -86,7 +86,7 @@ int RilRequestHelper::SendOnce(unsigned int request, void* data, unsigned long l
                                std::unique_lock<std::mutex>* wait_guard) {
     received = false;
     error = kRilSuccess;
-    // Whether the library took the request shows in its response alone.
+    // The result is ignored; only the response tells.
     client_helper->Send(client, request, data, length, Response);
     // The callback takes no lock and may notify between the test and the wait; its response is
     // then found at the deadline.
