@@ -26,18 +26,18 @@ void PrintUsage(const char* program) {
 }
 
 ModeFlags ParseCommandLine(int argc, char** argv) {
-    ModeFlags flags = {};
+    ModeFlags flags;
     while (true) {
         int option = getopt_long(argc, argv, kShortOptions, kLongOptions, nullptr);
         switch (option) {
             case 'm':
-                flags.modem_stat = 1;
+                flags.modem_stat = true;
                 break;
             case 'e':
-                flags.extended_log = 1;
+                flags.extended_log = true;
                 break;
             case 's':
-                flags.server = 1;
+                flags.server = true;
                 break;
             case kNoMoreOptions:
                 return flags;

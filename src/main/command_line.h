@@ -1,12 +1,10 @@
 #pragma once
 
-#include <cstdint>
-
-// What the command line asks for, in the order in which it is done. A flag is set when it is 1.
+// What the command line asks for, in the order in which it is done.
 struct ModeFlags {
-    uint8_t modem_stat;
-    uint8_t extended_log;
-    uint8_t server;
+    bool modem_stat = false;
+    bool extended_log = false;
+    bool server = false;
 };
 
 // Prints how `program` is used to standard output.

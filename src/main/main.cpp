@@ -2,8 +2,6 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <cstdint>
-
 #include "base/log.h"
 #include "handler/velmar_message_handler.h"
 #include "main/command_line.h"
@@ -11,8 +9,6 @@
 #include "main/signal_handler.h"
 
 namespace {
-
-constexpr uint8_t kSet = 1;
 
 // Sends `signo` to the running server, saying so with `line`. Returns false, with a log line, when
 // no server is recorded. Whether the process exists is not looked at.
@@ -35,19 +31,18 @@ int main(int argc, char** argv) {
         return -1;
     }
     ModeFlags flags = ParseCommandLine(argc, argv);
-    // A server is sent them as soon as its pid is known, and handles them once it sleeps. Every
-    // other thread is created with both blocked, and never takes one.
-    if (flags.server == kSet) velmar_block_signals();
+    // Blocked before any thread exists: threads inherit the mask, so main alone handles them, once
+    // it sleeps.
+    if (flags.server) velmar_block_signals();
     (void)signal(SIGUSR1, velmar_signal_handler);
     (void)signal(SIGUSR2, velmar_signal_handler);
-    if (flags.modem_stat == kSet && !SignalServer(SIGUSR1, "Send signal for modemstat request")) {
+    if (flags.modem_stat && !SignalServer(SIGUSR1, "Send signal for modemstat request")) {
         return -1;
     }
-    if (flags.extended_log == kSet &&
-        !SignalServer(SIGUSR2, "Send signal for extendedlog request")) {
+    if (flags.extended_log && !SignalServer(SIGUSR2, "Send signal for extendedlog request")) {
         return -1;
     }
-    if (flags.server != kSet) {
+    if (!flags.server) {
         // Deliberately an error line, though it ends every client run.
         ALOGE("Force to exit");
         return 0;

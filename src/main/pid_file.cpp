@@ -13,7 +13,6 @@
 namespace {
 
 constexpr char kPidFile[] = "/data/vendor/radio/velmar_pid";
-constexpr int kDecimal = 10;
 
 }  // namespace
 
@@ -25,7 +24,7 @@ int velmar_get_pid() {
     }
     try {
         std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-        return std::stoi(text, nullptr, kDecimal);
+        return std::stoi(text);
     } catch (const std::exception& error) {
         ALOGE("%s", error.what());
         return -1;
