@@ -15,7 +15,8 @@ namespace {
 constexpr unsigned int kStartUpCommands[] = {kCommandDebugStatConfig, kCommandUserspaceLogEnable,
                                              kCommandGnssCoexConfig};
 
-// Deletes a part and only then clears the pointer: a thread that the part still joins may use it.
+// reset() clears the pointer before it deletes. The thread that the part joins still uses the
+// pointer, so this deletes first.
 template <typename Part>
 void Destroy(std::unique_ptr<Part>* part) {
     delete part->get();
@@ -33,7 +34,7 @@ RequestRecord* NewOutstandingRecord(unsigned int token) {
 
 }  // namespace
 
-// NOLINTNEXTLINE(cert-err58-cpp): without memory for it there is nothing to run.
+// NOLINTNEXTLINE(cert-err58-cpp): it can throw nothing but bad_alloc.
 VelmarMessageHandler VelmarMessageHandler::instance;
 
 VelmarMessageHandler::VelmarMessageHandler()
@@ -81,8 +82,7 @@ int VelmarMessageHandler::Start() {
 
 bool VelmarMessageHandler::WaitForParts() {
     if (request_list != nullptr) return true;
-    // A modem that is online when the service starts is served by two threads that run before the
-    // last parts exist.
+    // With the modem online at the start, both threads may run before the last parts exist.
     std::lock_guard<std::mutex> guard(start_lock);
     return request_list != nullptr;
 }
@@ -108,7 +108,7 @@ int VelmarMessageHandler::ProcessReceivedMessage(void* data, unsigned int length
     if (data == nullptr || length == 0) return kStatusInvalid;
     SitMessage* message = Decode(data, length);
     int status;
-    switch (message->GetType() & 0xFF) {
+    switch (message->GetType()) {
         case velmar_message::REQUEST:
             status = RequestHandler(message);
             break;

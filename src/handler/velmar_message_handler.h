@@ -111,7 +111,7 @@ class VelmarMessageHandler {
     std::condition_variable response_cond;
 
   private:
-    // Waits until Start() has returned, if it runs. Returns whether every part exists.
+    // Blocks while Start() runs. Returns whether all parts exist.
     bool WaitForParts();
 
     // Encodes `message` and writes it to the channel. Returns kStatusSuccess, kStatusEncodeFailed

@@ -11,14 +11,14 @@
 // An outstanding request and the response that has come for it.
 class RequestRecord {
   public:
-    // A record that waits for its response; by default one that stands for no request.
+    // A record that waits for its response; empty by default.
     explicit RequestRecord(unsigned int request_token = kNoToken);
     // Copies the token and clones the response.
     RequestRecord(const RequestRecord& other);
     virtual ~RequestRecord();
 
-    // Copies the token and clones the response. The response held before is deliberately not
-    // deleted: assign only to a record that holds none.
+    // Copies the token and clones the response. Leaks a response already held: assign only to a
+    // record without one.
     RequestRecord& operator=(const RequestRecord& other);
 
     uint32_t token;

@@ -15,8 +15,8 @@ class SitMessage {
     SitMessage();
 
     // Decodes `length` bytes at `data`, which is one whole message. Null or empty input gives a
-    // message without an envelope. Input that does not parse is logged, and what was decoded before
-    // the fault stays: the type, if it was among it, decides what becomes of the message.
+    // message without an envelope. Input that does not parse is logged; the fields decoded before
+    // the error are kept, and a type among them still decides the dispatch.
     SitMessage(const char* data, int length);
 
     virtual ~SitMessage();
@@ -43,7 +43,7 @@ class SitMessage {
     // The result, or FAILURE when there is none.
     velmar_message::VelmarResult GetResult() const;
 
-    // Whether the type is there and this one.
+    // Whether the type is present and equals the one named.
     bool IsRequest() const;
     bool IsResponse() const;
     bool IsIndication() const;

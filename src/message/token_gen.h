@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-// Stands for "no token" wherever a token stands.
+// The value that means "no token".
 constexpr uint32_t kNoToken = 0xFFFFFFFF;
 
 // Hands out the tokens by which requests and their responses are paired. One per process.

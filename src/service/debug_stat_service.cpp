@@ -40,8 +40,8 @@ int VelmarServiceHandler::LoadDebugStatConfig() {
         ALOGE("Failed to open config file %s", path);
         return kStatusNotFound;
     }
-    // A file that has grown since is read up to one byte more, which still leaves a zero at the
-    // end.
+    // Reads up to one byte beyond the size that stat gave, if the file has grown since; the buffer
+    // still ends in NUL.
     std::vector<char> text(size + 2);
     file.read(text.data(), static_cast<std::streamsize>(size + 1));
     ALOGI("Read config: %s", path);

@@ -82,7 +82,7 @@ int VelmarServiceHandler::OnReceiveExtendedLogIndication(SitMessage* message) {
     timeval now;
     gettimeofday(&now, nullptr);
     [[maybe_unused]] ssize_t written = write(file.get(), log.data().data(), log.data().size());
-    // Text that does not end its last line has the time stamp glued to it.
+    // Without a final newline in the text the time stamp follows on the same line.
     WriteTimeStamp(file.get(), now);
     file.reset();
     // The umask may have taken bits away.

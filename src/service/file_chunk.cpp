@@ -48,14 +48,10 @@ void CopyFile(int from, int to) {
     if (count < 0 && (errno == EINVAL || errno == ENOSYS)) CopyThroughBuffer(from, to);
 }
 
-// Whether a chunk at `offset` may be appended to the temporary file.
+// Whether a chunk at `offset`, which is not 0, may be appended to the temporary file.
 bool MatchesTempFile(const std::string& temp_path, uint32_t offset) {
-    if (offset == 0) {
-        unlink(temp_path.c_str());
-        return true;
-    }
     struct stat status;
-    // A file that is missing is deliberately begun in the middle.
+    // Without a temporary file, a chunk at any offset starts one.
     if (stat(temp_path.c_str(), &status) != 0 || status.st_size == offset) return true;
     ALOGE("Bad offset 0x%X comparing to the expected one: 0x%lX", offset,
           static_cast<unsigned long>(status.st_size));
@@ -88,8 +84,8 @@ bool CopyToTarget(const std::string& temp_path, const std::string& target_path) 
         ALOGE("File transfer failed.");
         return false;
     }
-    // The mode is set on the file, since the umask is the whole process's and the main thread may
-    // be making the pid file.
+    // fchmod, not umask(): the umask is shared with the main thread, which may be making the pid
+    // file.
     fchmod(target, kTargetMode);
     // Deliberately, a copy that was cut short counts as success.
     CopyFile(temp, target);
@@ -135,13 +131,17 @@ FileChunkOutcome StoreFileChunk(const FileChunk& chunk, const FileChunkLines& li
         ALOGE("Temp file directory %s does not exist or permission denied.", kTempDirectory);
         return kFailed;
     }
-    if (!MatchesTempFile(temp_path, chunk.offset)) return kBadOffset;
+    if (chunk.offset == 0) {
+        unlink(temp_path.c_str());
+    } else if (!MatchesTempFile(temp_path, chunk.offset)) {
+        return kBadOffset;
+    }
     if (!AppendToTempFile(temp_path, *chunk.data, lines)) return kFailed;
     if (stat(temp_path.c_str(), &status) != 0) {
         ALOGE("Temp file %s does not exist or permission denied.", temp_path.c_str());
         return kFailed;
     }
-    // More is to come; or too much came, which only a new start at 0 mends.
+    // Incomplete, or too long; only a new start at offset 0 recovers from the latter.
     if (status.st_size != chunk.max_data_size) return kStored;
     if (!ReplaceTarget(temp_path, prefix, target_path)) return kFailed;
     // The error priority of this line is deliberate.

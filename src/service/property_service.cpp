@@ -33,7 +33,7 @@ void Write(const PropertyWriteRequest& request, VelmarPropertyMessage* response)
 void Read(const PropertyReadRequest& request, VelmarPropertyMessage* response) {
     const std::string& name = request.name();
     char value[kValueSize] = {};
-    // property_get alone gives an unset property as an empty one; the modem is told them apart.
+    // property_get cannot tell an unset property from an empty one; the modem must.
     if (__system_property_find(name.c_str()) == nullptr ||
         property_get(name.c_str(), value, "") < 0) {
         ALOGE("Failed to read property %s", name.c_str());

@@ -1,4 +1,3 @@
-
 #include <cstdint>
 #include <fstream>
 #include <string>
@@ -35,7 +34,7 @@ int VelmarServiceHandler::SendUserspaceLogEnableRequest() {
     if (!CheckModemOnline()) return kStatusOffline;
     std::ifstream file(kConfigFile);
     if (!file) {
-        // Deliberately no error: most phones have none.
+        // Not an error: most phones have no such file.
         ALOGD("Modem userspace logging config does not exist");
         return kStatusSuccess;
     }

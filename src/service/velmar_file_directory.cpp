@@ -15,7 +15,7 @@ VelmarFileDirectory::VelmarFileDirectory(FileDirectory directory_id, std::string
 
 VelmarFileDirectory::~VelmarFileDirectory() = default;
 
-// NOLINTNEXTLINE(cert-err58-cpp): without memory for it there is nothing to run.
+// NOLINTNEXTLINE(cert-err58-cpp): it can throw nothing but bad_alloc.
 VelmarFileDirectory VelmarFileDirectoryTable::table[3] = {
         {velmar_message::FILE_DIRECTORY_UNKNOWN, kUnknown},
         {velmar_message::FILE_DIRECTORY_MDS, "/data/vendor/radio/mds/"},
@@ -23,7 +23,7 @@ VelmarFileDirectory VelmarFileDirectoryTable::table[3] = {
 };
 
 const VelmarFileDirectory* VelmarFileDirectoryTable::FindRow(FileDirectory id) {
-    // Row 0 stands for every number that names no directory, its own included.
+    // Row 0 is a placeholder and never matched.
     for (const VelmarFileDirectory* row : {&table[1], &table[2]}) {
         if (row->id == id) return row;
     }
