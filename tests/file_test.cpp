@@ -147,6 +147,8 @@ TEST_F(FileTest, ChunksAreStoredOrRefusedByTheStepThatFails) {
              kNone, kNone, Fault("open", kTarget, EROFS)},
             {"temporary file cannot be read", nullptr, "a", 0, 1, kFailed,
              "E File transfer failed.", kNone, "666 ", Fault("open", kTempFile, EACCES, 1, 1)},
+            {"no copy inside the kernel", nullptr, "a", 0, 1, kStored, kMoved, kNone, "666 a",
+             Fault("read", kTempFile, EINVAL)},
             {"nothing can be deleted", nullptr, "a", 0, 1, kStored, kMoved, "664 a", "666 a",
              Fault("unlink", kRadioFiles, EACCES, 9)},
             {"nothing can be given a mode", nullptr, "a", 0, 1, kStored, kMoved, kNone, "600 a",

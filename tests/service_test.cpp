@@ -108,6 +108,27 @@ TEST_F(ProcessTest, PidFileIsWrittenAnewWhateverWasThere) {
     EXPECT_EQ(folder.Mode(path), 0600);
 }
 
+// What of both signals the handler finds blocked, one letter a run.
+std::string blocked_in_handler;
+
+void NoteBlocked(int /*signo*/) {
+    sigset_t mask;
+    pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+    const bool both = sigismember(&mask, SIGUSR1) == 1 && sigismember(&mask, SIGUSR2) == 1;
+    blocked_in_handler += both ? 'b' : '-';
+}
+
+TEST_F(ProcessTest, SignalsThatWaitAreHandledOneAfterTheOther) {
+    velmar_block_signals();
+    for (int signo : {SIGUSR1, SIGUSR2}) {
+        signal(signo, NoteBlocked);
+        raise(signo);
+    }
+    EXPECT_EQ(blocked_in_handler, "");
+    velmar_unblock_signals();
+    EXPECT_EQ(blocked_in_handler, "bb");
+}
+
 TEST_F(ProcessTest, SignalHandlerLeavesErrnoAsItWas) {
     modem.SetState(kModemStateOnline);
     folder.Remove("/dev/oem_ipc1");
