@@ -43,7 +43,7 @@ TEST_F(ChannelTest, InterruptedTransfersGoOnAfterAPause) {
 
 // As of a driver that lets its device be opened once.
 TEST_F(ChannelTest, DeviceIsOpenedOnceByThreadsThatOpenAtTheSameTime) {
-    for (int i = 0; i < 200 && !HasFailure(); ++i) {
+    for (int i = 0; i < 100 && !HasFailure(); ++i) {
         SitIoChannel channel;
         injector.Add({"open", kChannel, EBUSY, 0, 1, 1});
         std::atomic<int> ready{0};
@@ -126,13 +126,14 @@ TEST_F(ReaderTest, LostChannelIsOpenedAgainForAsLongAsItTakes) {
     EXPECT_CALL(handler, ProcessReceivedMessage(testing::_, 1))
             .WillOnce([this](void*, int) {
                 injector.Add({"read", kChannel, 0, 0});
+                injector.Add({"open", kChannel, ENXIO});
                 return SendNext();
             })
             .WillOnce([this](void*, int) { return SendNext(); });
     reader.Run();
     EXPECT_THAT(pauses, testing::ElementsAre(20000, 40000, 80000, 160000, 320000, 640000, 1000000,
-                                             1000000, 1000000, 20000));
-    EXPECT_EQ(log.Count("E Failed to open IO channel, fd: -1"), 8);
+                                             1000000, 1000000, 20000, 40000));
+    EXPECT_EQ(log.Count("E Failed to open IO channel, fd: -1"), 9);
     EXPECT_THAT(log.TakeLines(), testing::StartsWith("E Read channel error, size:-1, errno:5; "));
 }
 
