@@ -59,6 +59,28 @@ TEST_F(ChannelTest, DeviceIsOpenedOnceByThreadsThatOpenAtTheSameTime) {
     }
 }
 
+TEST_F(ChannelTest, DescriptorOfAWriteThatIsUnderWayStaysOpen) {
+    SitIoChannel channel;
+    ASSERT_EQ(channel.OpenChannel(), 0);
+    const int fd = channel.GetFd();
+    modem.SetReading(false);
+    std::atomic<int> writes{0};
+    std::thread sender([&] {
+        std::string message(kLargestMessage, 'x');
+        while (channel.WriteToChannel(message.data(), kLargestMessage) == 0) ++writes;
+    });
+    for (int before = -1; before != writes;) {
+        before = writes;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    channel.CloseChannel();
+    EXPECT_EQ(channel.GetFd(), -1);
+    EXPECT_NE(fcntl(fd, F_GETFD), -1) << "its number is free";
+    modem.SetReading(true);
+    sender.join();
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1);
+}
+
 // A reader for the test's own thread.
 class Reader : public SitIoHandler {
   public:
