@@ -3,11 +3,15 @@
 # that CMake builds, that velmar.rc makes every folder that the service expects and the manual's
 # lines for ueventd open every node, and that the policy, beside what of the platform bears on it
 # (tests/sepolicy), grants the service what it does to each path, no less, and refuses what must
-# never hold.
-# Usage: scripts/check_android.sh
+# never hold. With --sepolicy it only names the types that DIR, policy of a tree, declares as well.
+# Usage: scripts/check_android.sh [--sepolicy DIR]
 set -euo pipefail
 [[ ${1:-} != @(-h|--help) ]] || exec sed -n '2,/^[^#]/s/^# \{0,1\}//p' "$0"
-[ $# -eq 0 ] || { echo "check_android.sh: unexpected arguments '$*': expected none" >&2; exit 2; }
+if [ $# -ne 0 ] && ! [[ $# -eq 2 && $1 = --sepolicy && -d $2 ]]; then
+    echo "check_android.sh: unexpected arguments '$*': expected none, or --sepolicy and a folder" >&2
+    exit 2
+fi
+tree=${2:+$(realpath "$2")}
 shopt -s globstar
 cd "$(dirname "$0")/.."
 
@@ -119,13 +123,16 @@ check_refused() {
     done < <(grep -vE '^(#|$)' $platform/refused.te)
 }
 
-# The rules that the manual tells integrators to add go with the limits.
+# The rules and labels that the manual tells integrators to add go with the limits.
 check_advice() {
     sed -nE '/^ *```te/,/^ *```$/p' docs/porting.md | grep -v '```' >"$work/advice.te"
     if ! compile "$work/advice.te"; then
         cat "$work/errors" >&2
         fail "docs/porting.md: expected rules that compile"
     fi
+    sed -nE '/^ *```fc/,/^ *```$/p' docs/porting.md | grep -v '```' >>"$work/file_contexts"
+    sefcontext_compile -p "$work/policy" -o "$work/compiled" "$work/file_contexts" ||
+        fail "docs/porting.md: expected labels that its rules declare"
 }
 
 check_policy() {
@@ -144,6 +151,22 @@ check_policy() {
     check_advice
 }
 
+# Fails, naming each, if the policy in the folder TREE declares types of this one.
+check_collisions() {
+    local names
+    names=$(sed -nE 's/^(type|attribute) (\w+)[,;].*/\2/p; s/^\w+_prop\((\w+)\)/\1/p' $policy/*.te |
+        paste -sd'|')
+    if grep -rnE --include='*.te' -e "^\s*(type|attribute)\s+($names)\s*[,;]" \
+        -e "^\s*\w+_prop\(\s*($names)\s*\)" "$1" >&2; then
+        fail "$1: expected names other than those that $policy declares, in the lines above"
+    fi
+    echo "check_android.sh: $1 declares nothing that $policy declares"
+}
+
+if [ -n "$tree" ]; then
+    check_collisions "$tree"
+    exit
+fi
 check_build
 check_init
 check_policy
