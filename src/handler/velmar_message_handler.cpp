@@ -11,7 +11,7 @@ using std::chrono::system_clock;
 
 namespace {
 
-// What a modem that has come online is sent, in this order.
+// Run in this order each time the modem comes online.
 constexpr unsigned int kStartUpCommands[] = {kCommandDebugStatConfig, kCommandUserspaceLogEnable,
                                              kCommandGnssCoexConfig};
 

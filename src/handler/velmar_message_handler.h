@@ -12,8 +12,8 @@
 #include "message/sit_message.h"
 #include "service/velmar_service_handler.h"
 
-// The hub of the service, one per process: starts its parts, passes on every message that the modem
-// sends, sends what the service has to say, and pairs requests with their responses.
+// The hub of the service, one per process: starts its parts, dispatches every message of the modem,
+// sends the service's own requests and responses, and pairs requests with their responses.
 //
 // Operations return a VelmarStatus. Threads that enter: the IO thread (received messages, and the
 // responses that it sends), the state monitor's thread (state changes, and the requests that they
@@ -70,9 +70,10 @@ class VelmarMessageHandler {
 
     // Waits for the response for `token` for up to `timeout_seconds`. Returns kStatusSuccess when
     // it has come, kStatusNotFound when there is no record of `token`, kStatusTimeout after the
-    // time-out. A response that was stored before the wait began is not noticed. After a wake-up
-    // for another token the time left is counted by the wall clock: one that was set forward ends
-    // the wait, one that was set backward lengthens it by as much. Any thread but the IO thread.
+    // time-out. A response that was stored before the wait began is noticed only when the response
+    // for another token causes a wake-up. After each wake-up the time left is counted by the wall
+    // clock: one that was set forward ends the wait, one that was set backward lengthens it by as
+    // much. Any thread but the IO thread.
     virtual int WaitForResponse(int timeout_seconds, unsigned int token);
 
     // The process's instance. It exists from before main until normal process exit. Any thread.

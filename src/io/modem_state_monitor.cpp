@@ -14,7 +14,7 @@ namespace {
 constexpr char kBootDevice[] = "/dev/umts_boot0";
 constexpr char kNoModemBoardProperty[] = "persist.vendor.radio.no_modem_board";
 
-// Request number of the state: no argument, type 'o', number 39.
+// The ioctl that gives the state: no argument, type 'o', number 39.
 constexpr unsigned int kGetModemState = _IO('o', 0x27);
 
 constexpr short kPollEvents = POLLIN | POLLHUP | POLLRDNORM;

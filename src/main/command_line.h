@@ -10,6 +10,6 @@ struct ModeFlags {
 // Prints how `program` is used to standard output.
 void PrintUsage(const char* program);
 
-// Reads the options. One that is unknown, and -h, prints the usage and is otherwise passed over.
+// Reads the options. An unknown one, and -h, prints the usage; the next ones are read all the same.
 // Main thread only, once.
 ModeFlags ParseCommandLine(int argc, char** argv);

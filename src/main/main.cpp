@@ -53,7 +53,7 @@ int main(int argc, char** argv) {
         return -1;
     }
     velmar_write_pid();
-    // Before that every request would find the modem offline.
+    // Until the boot device is open, every request would find the modem offline.
     handler->WaitForBootDevice();
     velmar_unblock_signals();
     while (true) sleep(UINT_MAX);

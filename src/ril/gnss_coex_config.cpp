@@ -119,7 +119,7 @@ GnssCoexLine MakeGnssCoexRecord(const std::string& line, GnssCoexRecord* record)
     filled[kAlwaysOneOffset] = 1;
     PutLow16(&filled[kBand1Offset], ConvertBand(kind, band1));
     PutLow16(&filled[kValue1Offset], ConvertValue(value1));
-    // A second band that was nothing but its letter counts in the kind alone.
+    // A second band of a single character affects the kind only.
     if (!band2.empty()) {
         PutLow16(&filled[kBand2Offset], ConvertBand(kind, band2));
         PutLow16(&filled[kValue2Offset], ConvertValue(value2));

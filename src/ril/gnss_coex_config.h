@@ -24,7 +24,7 @@ using GnssCoexRecord = std::array<uint8_t, 10>;
 
 // What a configuration's text consists of.
 struct GnssCoexText {
-    // The text has a line end at all. What has none is used nevertheless.
+    // False for a text without a line end, which is used nevertheless.
     bool has_lines = false;
     // Empty when there is none.
     std::string first_line;

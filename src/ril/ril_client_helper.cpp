@@ -11,7 +11,7 @@ namespace {
 constexpr char kLibrary[] = "libsitril-client.so";
 const char* const kClassName = "RilClientHelperDLImpl";
 
-// What an operation returns that has no library to call.
+// The result of an operation when there is no library to call.
 constexpr int kNotLoaded = 1;
 
 constexpr unsigned int kUsualExtra = 255;
@@ -34,7 +34,7 @@ RilClientHelper* RilClientHelper::GetInstance() {
     auto* created = new RilClientHelperDLImpl();
     RLOGI("%s::%s create instance", kClassName, "RilClientHelperDLImpl");
     instance = created;
-    // Without the library the instance stands all the same; its operations say so.
+    // Without the library the instance is kept; its operations then fail.
     (void)created->Init();
     return instance;
 }

@@ -4,11 +4,11 @@
 
 // Called by the radio's client library, on a thread of its own, with the response to one request:
 // the request's number, an error code of the radio interface layer (0 is success), and `length`
-// bytes at `data`, which are the library's. `extra` is the library's own.
+// bytes at `data`, which are the library's. The meaning of `extra` is the library's.
 using RilResponseCallback = void (*)(unsigned int request, int error, void* data, size_t length,
                                      unsigned int extra);
 
-// Called by the library with a message that is no response.
+// Called by the library with an unsolicited message, one that is no response.
 using RilUnsolicitedCallback = void (*)(unsigned int id, void* data, size_t length,
                                         unsigned int extra);
 
@@ -48,15 +48,15 @@ class RilClientHelper {
     virtual int Send(void* handle, unsigned int request, void* data, size_t length,
                      RilResponseCallback callback) = 0;
 
-    // The same with `extra`, a value of the library's own; the form above passes 255.
+    // The same with `extra`, whose meaning is the library's; the form above passes 255.
     virtual int Send(void* handle, unsigned int request, void* data, size_t length,
                      RilResponseCallback callback, unsigned int extra) = 0;
 
-    // Has `handler` called with the messages that are no responses.
+    // Has `handler` called with unsolicited messages.
     virtual int RegisterUnsolicitedResponseHandler(void* handle,
                                                    RilUnsolicitedCallback handler) = 0;
 
-    // Limits those messages to the `size` ids at `filter`.
+    // Limits unsolicited messages to the `size` ids at `filter`.
     virtual int SetIndicationFilter(void* handle, int* filter, size_t size) = 0;
 };
 

@@ -12,10 +12,10 @@ namespace {
 
 constexpr seconds kResponseTimeout{5};
 
-// What one repetition costs of the budget, and how long the pause before it is at most.
+// What each repetition takes from the budget, and the longest pause before one.
 constexpr int kRetrySeconds = 5;
 
-// The callbacks that run at this moment, and whether the process exits.
+// How many callbacks are running, and whether the process is exiting.
 std::atomic<int> running_callbacks{0};
 std::atomic<bool> exiting{false};
 

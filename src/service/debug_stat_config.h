@@ -6,9 +6,9 @@
 // One entry of the debug statistics configuration: what to ask of one module of the modem.
 struct DebugStatEntry {
     std::string module;
-    // Below 0: none is given.
+    // Negative: no value is sent.
     int value = -1;
-    // 0: none is given.
+    // 0: no type is sent.
     int type = 0;
 };
 

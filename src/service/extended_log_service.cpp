@@ -27,7 +27,7 @@ constexpr char kLogSuffix[] = ".txt";
 constexpr char kOldSuffix[] = ".old";
 constexpr mode_t kLogMode = 0664;
 
-// Size in bytes above which a log is put aside.
+// Size in bytes above which a log is rotated.
 constexpr off_t kExtendedLogMaxSize = 1048576;
 
 constexpr size_t kTimeStampSize = 30;
@@ -37,8 +37,8 @@ constexpr ExchangeLines kLogLines = {"Sending extended log request",
                                      "Got extended log response successful",
                                      "Got extended log response failed"};
 
-// Puts a log that has grown too large aside, in place of the one put aside before. A failure leaves
-// it as it is.
+// Renames a log that has grown too large, replacing the one renamed before. If that fails, the log
+// stays and grows on.
 void Rotate(const std::string& path) {
     struct stat status;
     if (stat(path.c_str(), &status) != 0 || status.st_size <= kExtendedLogMaxSize) return;

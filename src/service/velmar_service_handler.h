@@ -72,9 +72,10 @@ class VelmarServiceHandler {
     // request. Any thread but the IO thread.
     int SendModemStatReportRequest();
 
-    // Asks the modem to keep statistics for `module`; a `value` below 0 and a `type` of 0 are not
-    // given. Returns kStatusSuccess, kStatusRefused when the modem refused, kStatusOffline when it
-    // is not online, else the status of sending the request. Any thread but the IO thread.
+    // Asks the modem to keep statistics for `module`; a negative `value` or a `type` of 0 leaves
+    // the field unset. Returns kStatusSuccess, kStatusRefused when the modem refused,
+    // kStatusOffline when it is not online, else the status of sending the request. Any thread but
+    // the IO thread.
     int SendModemStatEnableRequest(const std::string& module, int value, unsigned int type);
 
     // Writes a piece of a statistics report to the dump file. Returns kStatusSuccess, whether or
