@@ -20,35 +20,37 @@ bool IsWorthRetrying(int error) {
 }  // namespace
 
 int SitIoChannel::OpenChannel() {
+    if (fd >= 0) return 0;
     std::lock_guard<std::mutex> guard(lock);
-    if (fd) return 0;
+    if (fd >= 0) return 0;
     int opened = open(kChannelDevice, O_RDWR);
     if (opened < 0) {
         ALOGE("Failed to open IO channel, fd: %d", opened);
         return -1;
     }
-    fd = std::make_shared<const unique_fd>(opened);
+    owner = std::make_shared<const unique_fd>(opened);
+    fd = opened;
     return 0;
 }
 
 int SitIoChannel::CloseChannel() {
     std::lock_guard<std::mutex> guard(lock);
-    fd.reset();
+    fd = -1;
+    owner.reset();
     return 0;
 }
 
-std::shared_ptr<const unique_fd> SitIoChannel::HoldFd() {
-    std::lock_guard<std::mutex> guard(lock);
+int SitIoChannel::GetFd() {
     return fd;
 }
 
-int SitIoChannel::GetFd() {
+std::shared_ptr<const unique_fd> SitIoChannel::ShareOwner() {
     std::lock_guard<std::mutex> guard(lock);
-    return fd ? fd->get() : -1;
+    return owner;
 }
 
 int SitIoChannel::ReadFromChannel(char* buffer, int size) {
-    int open_fd = GetFd();
+    int open_fd = fd;
     if (buffer == nullptr || open_fd < 0) return -1;
     while (true) {
         ssize_t count = read(open_fd, buffer, size);
@@ -59,18 +61,18 @@ int SitIoChannel::ReadFromChannel(char* buffer, int size) {
 }
 
 int SitIoChannel::WriteToChannel(char* data, int length) {
-    if (data == nullptr || GetFd() < 0) return -1;
+    if (data == nullptr || fd < 0) return -1;
     for (int written = 0; written < length;) {
         // Taken anew each time: the reader may have reopened the channel.
-        std::shared_ptr<const unique_fd> open_fd = HoldFd();
-        if (!open_fd) return -1;
-        ssize_t count = write(open_fd->get(), data + written, length - written);
+        std::shared_ptr<const unique_fd> shared = ShareOwner();
+        if (!shared) return -1;
+        ssize_t count = write(shared->get(), data + written, length - written);
         if (count > 0) {
             written += static_cast<int>(count);
             continue;
         }
         if (count < 0 && !IsWorthRetrying(errno)) return -1;
-        open_fd.reset();
+        shared.reset();
         usleep(kRetryMicroseconds);
     }
     return 0;

@@ -2,6 +2,7 @@
 
 #include <android-base/unique_fd.h>
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 
@@ -37,13 +38,15 @@ class SitIoChannel {
     SitIoChannel& operator=(const SitIoChannel&) = delete;
 
   protected:
-    // Guards `fd`; held while the device is opened, since a driver may refuse a second opener.
-    std::mutex lock;
-    // Null while closed. A thread that writes holds it too, so that the number of the descriptor is
-    // not given to another file meanwhile.
-    std::shared_ptr<const android::base::unique_fd> fd;
+    std::atomic<int> fd{-1};
 
   private:
-    // The open descriptor, or null. Any thread.
-    std::shared_ptr<const android::base::unique_fd> HoldFd();
+    // The owner of `fd`, or null while closed. Any thread.
+    std::shared_ptr<const android::base::unique_fd> ShareOwner();
+
+    // Held while the device is opened or closed, since a driver may refuse a second opener.
+    std::mutex lock;
+    // Closes the device when the last one lets go of it. A thread that writes shares it, so that
+    // the number of the descriptor is not given to another file meanwhile. Guarded by `lock`.
+    std::shared_ptr<const android::base::unique_fd> owner;
 };
