@@ -121,8 +121,8 @@ void NoteBlocked(int /*signo*/) {
 TEST_F(ProcessTest, SignalsThatWaitAreHandledOneAfterTheOther) {
     velmar_block_signals();
     for (int signo : {SIGUSR1, SIGUSR2}) {
-        signal(signo, NoteBlocked);
-        raise(signo);
+        (void)signal(signo, NoteBlocked);
+        (void)raise(signo);
     }
     EXPECT_EQ(blocked_in_handler, "");
     velmar_unblock_signals();
