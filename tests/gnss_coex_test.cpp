@@ -112,6 +112,8 @@ class GnssCoexLoadTest : public RadioTestCase {
         const int status = LoadGnssCoexConfig();
         return std::to_string(status) + "; " + Join(TakeCalls(), "; ") + "; " + log.TakeLines();
     }
+
+    LogCapture log{folder};
 };
 
 TEST_F(GnssCoexLoadTest, FirstFileThatCanBeReadIsUsed) {

@@ -12,7 +12,7 @@
 #include "sim/ril/radio_layout.h"
 
 // A phone without a modem, with a radio's client library as far as the test loads one.
-class RadioTestCase : public LogTestCase {
+class RadioTestCase : public PhoneFolderTestCase {
   protected:
     // Makes a library be found under its name. It stays for the life of the process.
     static void Provide(const std::string& variant) {

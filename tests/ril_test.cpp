@@ -51,6 +51,8 @@ class LoaderTest : public RadioTestCase {
         return StringReplace(log.TakeLines(LogCapture::kRadioBuffer), "RilClientHelperDLImpl::", "",
                              true);
     }
+
+    LogCapture log{folder};
 };
 
 TEST_F(LoaderTest, WithoutALibraryTheInstanceStandsAndFails) {
