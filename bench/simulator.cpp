@@ -1,22 +1,18 @@
 #include "bench/simulator.h"
 
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <chrono>
 #include <fstream>
+#include <iostream>
 #include <stdexcept>
+#include <thread>
 #include <vector>
 
 #include "android-base/stringprintf.h"
 
 #include "bench/comparison.h"
-#include "sim/modem/errors.h"
 #include "sim/modem/temporary_folder.h"
+#include "sim/tool/child_process.h"
 
 namespace velmar_bench {
 
@@ -30,6 +26,7 @@ constexpr int kSizes[] = {1000, 10000, 50000};
 constexpr double kAllowance = 1.2;
 // The least of them counts: what else the machine does only adds.
 constexpr int kTurns = 3;
+constexpr std::chrono::milliseconds kLookInterval{1};
 
 constexpr char kPhone[] = R"(phone { modem_state: 4 property { name: "p" value: "v" } })";
 constexpr char kExchange[] = R"(
@@ -44,29 +41,22 @@ struct Cost {
 };
 
 // Runs a command without its output. What it takes holds the part of the service that it started.
-Cost CostOf(std::vector<std::string> command) {
-    std::vector<char*> arguments;
-    arguments.reserve(command.size() + 1);
-    for (std::string& argument : command) arguments.push_back(argument.data());
-    arguments.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+Cost CostOf(const std::vector<std::string>& command) {
+    velmar_sim::Launch launch;
+    launch.executable = command[0];
+    launch.arguments = command;
     const auto begin = steady_clock::now();
-    pid_t process = 0;
-    const int error =
-            posix_spawn(&process, arguments[0], &actions, nullptr, arguments.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (error != 0) velmar_sim::ThrowErrno(command[0], error);
-    int status = 0;
-    rusage used = {};
-    wait4(process, &status, 0, &used);
-    if (status != 0) throw std::runtime_error(command[0] + " " + command[1] + " has failed");
-    using Seconds = std::chrono::duration<double>;
-    const Seconds user = std::chrono::seconds(used.ru_utime.tv_sec) +
-                         std::chrono::microseconds(used.ru_utime.tv_usec);
-    return {user.count(), Seconds(steady_clock::now() - begin).count(),
-            static_cast<double>(used.ru_maxrss)};
+    velmar_sim::ChildProcess process(launch, nullptr,
+                                     [](const std::string& text) { std::cerr << text; });
+    while (process.IsRunning()) std::this_thread::sleep_for(kLookInterval);
+    const std::chrono::duration<double> wall = steady_clock::now() - begin;
+    if (process.wait_status() != 0) {
+        throw std::runtime_error(command[0] + " " + command[1] + " has failed");
+    }
+    const rusage& used = process.used();
+    const std::chrono::duration<double> user = std::chrono::seconds(used.ru_utime.tv_sec) +
+                                               std::chrono::microseconds(used.ru_utime.tv_usec);
+    return {user.count(), wall.count(), static_cast<double>(used.ru_maxrss)};
 }
 
 }  // namespace

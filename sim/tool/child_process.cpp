@@ -159,7 +159,7 @@ void ChildProcess::Kill() {
     running = false;
     // A program that has ended keeps the group's number until it is waited for.
     kill(-pid, SIGKILL);
-    waitpid(pid, &status, 0);
+    wait4(pid, &status, 0, &usage);
     // What is queued is still read, but not what somebody else writes who has the same outputs.
     for (const unique_fd& output : outputs) shutdown(output.get(), SHUT_RD);
     for (std::thread& reader : readers) reader.join();

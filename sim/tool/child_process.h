@@ -1,5 +1,6 @@
 #pragma once
 
+#include <sys/resource.h>
 #include <sys/types.h>
 
 #include <functional>
@@ -50,6 +51,9 @@ class ChildProcess {
     // How it ended, as wait gives it. Only after the end.
     int wait_status() const { return status; }
 
+    // What it took, with those of its children that it has waited for. Only after the end.
+    const rusage& used() const { return usage; }
+
     // Sends a signal; only while it runs.
     void Signal(int number) const;
 
@@ -64,6 +68,7 @@ class ChildProcess {
 
     pid_t pid = -1;
     int status = 0;
+    rusage usage = {};
     bool running = false;
     std::vector<android::base::unique_fd> outputs;
     std::vector<std::thread> readers;
