@@ -82,7 +82,7 @@ int VelmarMessageHandler::Start() {
 
 bool VelmarMessageHandler::WaitForParts() {
     if (request_list != nullptr) return true;
-    // With the modem online at the start, both threads may run before the last parts exist.
+    // With the modem online at the start, both threads may have work before the last parts exist.
     std::lock_guard<std::mutex> guard(start_lock);
     return request_list != nullptr;
 }

@@ -70,10 +70,10 @@ class VelmarMessageHandler {
 
     // Waits for the response for `token` for up to `timeout_seconds`. Returns kStatusSuccess when
     // it has come, kStatusNotFound when there is no record of `token`, kStatusTimeout after the
-    // time-out. A response that was stored before the wait began is noticed only when the response
-    // for another token causes a wake-up. After each wake-up the time left is counted by the wall
-    // clock: one that was set forward ends the wait, one that was set backward lengthens it by as
-    // much. Any thread but the IO thread.
+    // time-out. A response that was stored before the wait began is noticed only when a further
+    // one, for whatever token, causes a wake-up. After each wake-up the time left is counted by the
+    // wall clock: one that was set forward ends the wait, one that was set backward lengthens it by
+    // as much. Any thread but the IO thread.
     virtual int WaitForResponse(int timeout_seconds, unsigned int token);
 
     // The process's instance. It exists from before main until normal process exit. Any thread.

@@ -10,7 +10,8 @@
 // read is one message.
 //
 // The IO thread opens, reads and closes the channel; every thread that sends opens it too and
-// writes to it. Reads and writes are not locked: those of several threads may overlap.
+// writes to it. Nothing is locked: writes of several threads may overlap, with each other and with
+// a read.
 class SitIoChannel {
   public:
     SitIoChannel() = default;
@@ -44,9 +45,9 @@ class SitIoChannel {
     // The owner of `fd`, or null while closed. Any thread.
     std::shared_ptr<const android::base::unique_fd> ShareOwner();
 
-    // Held while the device is opened or closed, since a driver may refuse a second opener.
+    // Held while the channel is opened or closed: a driver may refuse a second opener.
     std::mutex lock;
-    // Closes the device when the last one lets go of it. A thread that writes shares it, so that
-    // the number of the descriptor is not given to another file meanwhile. Guarded by `lock`.
+    // Closes the descriptor when its last holder goes: the channel, and each thread that writes, so
+    // that the number is not given to another file meanwhile. Guarded by `lock`.
     std::shared_ptr<const android::base::unique_fd> owner;
 };

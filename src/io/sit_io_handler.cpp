@@ -63,6 +63,7 @@ void SitIoHandler::Run() {
     while (true) {
         if (!handler->IsModemOnline()) {
             sleep(kOfflineSeconds);
+            pause = kReopenMicroseconds;
             continue;
         }
         int fd = channel->GetFd();
@@ -100,7 +101,8 @@ int SitIoHandler::ReceiveMessage(int used_bytes) {
         usleep(kReopenMicroseconds);
         channel->OpenChannel();
     }
-    return 0;
+    // A driver may have left something there before it failed.
+    return kBufferSize;
 }
 
 int SitIoHandler::SendData(char* data, int length) {

@@ -40,7 +40,7 @@ class SitIoHandler : public Runnable {
 
   private:
     // Reads one message into the buffer, whose first `used_bytes` bytes are what the last read
-    // left, and hands it on; reopens the channel when it cannot be read. Returns the bytes that it
-    // left in the buffer.
+    // left, and hands it on; reopens the channel when it cannot be read. Returns how many bytes of
+    // the buffer it may have left used.
     int ReceiveMessage(int used_bytes);
 };

@@ -5,7 +5,7 @@
 
 namespace {
 
-// There is deliberately no long "help": it prints the usage as any unknown option does.
+// There is deliberately no long option "help"; like any unknown one, --help prints the usage.
 constexpr option kLongOptions[] = {
         {"modemstat", no_argument, nullptr, 'm'},
         {"extendedlog", no_argument, nullptr, 'e'},

@@ -10,6 +10,6 @@ struct ModeFlags {
 // Prints how `program` is used to standard output.
 void PrintUsage(const char* program);
 
-// Reads the options. An unknown one, and -h, prints the usage; the next ones are read all the same.
+// Reads the options. An unknown one, and -h, prints the usage, and parsing goes on.
 // Main thread only, once.
 ModeFlags ParseCommandLine(int argc, char** argv);

@@ -31,8 +31,8 @@ int main(int argc, char** argv) {
         return -1;
     }
     ModeFlags flags = ParseCommandLine(argc, argv);
-    // Blocked before any thread exists: threads inherit the mask, so main alone handles them, once
-    // it sleeps.
+    // Blocks both signals before any thread exists: threads inherit the mask, so main alone handles
+    // them, once it sleeps.
     if (flags.server) velmar_block_signals();
     (void)signal(SIGUSR1, velmar_signal_handler);
     (void)signal(SIGUSR2, velmar_signal_handler);

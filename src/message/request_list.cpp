@@ -40,8 +40,8 @@ void RequestList::AddRecord(RequestRecord* record) {
     MutexGuard guard(&lock);
     if (record->token == kNoToken) return;
     RequestRecord& entry = records[record->token];
-    // A record that timed out keeps its late response. When its token comes up again, 2^32 requests
-    // later, this frees it, since the assignment does not.
+    // A record that timed out keeps its late response. When the tokens have wrapped and its own
+    // comes up again, this frees it, since the assignment does not.
     delete entry.message;
     entry = *record;
 }

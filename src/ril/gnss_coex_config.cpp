@@ -63,7 +63,8 @@ int ConvertBand(SitGnssBlankingRAT rat, const std::string& band) {
     return 0;
 }
 
-// C++ leaves the conversion of a double outside int's range undefined: saturates as aarch64 does.
+// C++ leaves the conversion of a double outside int's range undefined, so this saturates, as
+// aarch64 does.
 int ConvertValue(const std::string& text) {
     double value = std::stod(text);
     if (std::isnan(value)) return 0;

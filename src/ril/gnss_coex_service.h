@@ -6,5 +6,5 @@
 // client or no configuration that can be read. A number that cannot be converted throws; the
 // requests before it have been sent. Blocks for up to 5 seconds for each request without a
 // response, and for one to two minutes for each that finds the radio not available. Called by the
-// thread of the service command.
+// thread that runs the service command.
 int LoadGnssCoexConfig();

@@ -22,7 +22,7 @@ constexpr char kTempDirectory[] = "/data/vendor/radio/modem_temp_file/";
 constexpr mode_t kTempMode = 0664;
 constexpr mode_t kTargetMode = 0666;
 
-// How much one sendfile copies, and one turn of the copy that replaces it where it does not work.
+// The most that one sendfile copies, and the buffer of the copy used where sendfile does not work.
 constexpr size_t kSendfileBytes = size_t{1} << 30;
 constexpr size_t kCopyBufferBytes = size_t{64} << 10;
 
@@ -87,7 +87,7 @@ bool CopyToTarget(const std::string& temp_path, const std::string& target_path) 
     // fchmod, not umask(): the umask is shared with the main thread, which may be making the pid
     // file.
     fchmod(target, kTargetMode);
-    // A copy that breaks off deliberately counts as success.
+    // Deliberately, a copy that breaks off counts as success.
     CopyFile(temp, target);
     return true;
 }

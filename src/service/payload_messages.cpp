@@ -3,9 +3,7 @@
 #include "base/log.h"
 #include "base/velmar_status.h"
 
-using velmar_message::FileWriteResponse;
 using velmar_message::ModemStatEnableRequest;
-using velmar_message::PropertyMessage;
 using velmar_message::VelmarMessage;
 using velmar_message::VelmarMessageType;
 
@@ -29,11 +27,15 @@ SitMessage* PayloadMessage::GetSitMessage() const {
 }
 
 void PayloadMessage::SetResult(velmar_message::VelmarResult result) {
-    if (sit_message) sit_message->GetVelmarMessage()->set_result(result);
+    if (VelmarMessage* envelope = Envelope()) envelope->set_result(result);
+}
+
+VelmarMessage* PayloadMessage::Envelope() {
+    return sit_message ? sit_message->GetVelmarMessage() : nullptr;
 }
 
 VelmarMessage* PayloadMessage::EnvelopeToFill() {
-    VelmarMessage* envelope = sit_message ? sit_message->GetVelmarMessage() : nullptr;
+    VelmarMessage* envelope = Envelope();
     if (envelope == nullptr) ALOGE("sit_message is invalid");
     return envelope;
 }
@@ -92,23 +94,26 @@ VelmarPropertyMessage::VelmarPropertyMessage(VelmarMessageType type, SitMessage*
     : PayloadMessage(VelmarMessage::kPropertyMessage, type, request) {}
 
 void VelmarPropertyMessage::FillReadResponse(const char* value) {
-    PropertyMessage* payload = sit_message->GetVelmarMessage()->mutable_property_message();
-    payload->mutable_read_response()->set_value(value);
+    VelmarMessage* envelope = Envelope();
+    if (envelope == nullptr) return;
+    envelope->mutable_property_message()->mutable_read_response()->set_value(value);
 }
 
 void VelmarPropertyMessage::FillWriteResponse() {
-    sit_message->GetVelmarMessage()->mutable_property_message()->mutable_write_response();
+    VelmarMessage* envelope = Envelope();
+    if (envelope != nullptr) envelope->mutable_property_message()->mutable_write_response();
 }
 
 VelmarFileMessage::VelmarFileMessage(VelmarMessageType type, SitMessage* request)
     : PayloadMessage(VelmarMessage::kFileMessage, type, request) {}
 
 void VelmarFileMessage::FillWriteResponse() {
-    sit_message->GetVelmarMessage()->mutable_file_message()->mutable_file_write_response();
+    VelmarMessage* envelope = Envelope();
+    if (envelope != nullptr) envelope->mutable_file_message()->mutable_file_write_response();
 }
 
 void VelmarFileMessage::SetFileMessageResult(velmar_message::FileMessageResult result) {
-    FileWriteResponse* payload =
-            sit_message->GetVelmarMessage()->mutable_file_message()->mutable_file_write_response();
-    payload->set_file_result(result);
+    VelmarMessage* envelope = Envelope();
+    if (envelope == nullptr) return;
+    envelope->mutable_file_message()->mutable_file_write_response()->set_file_result(result);
 }

@@ -5,16 +5,15 @@
 
 #include "message/sit_message.h"
 
-// The messages that the features send, each around the one SitMessage that it owns. One thread at
-// a time uses a message.
+// A message that a feature sends; owns one SitMessage. One thread at a time uses it.
 class PayloadMessage {
   public:
-    // A new message with the header of payload `id` and `type`: a request takes a new token, and
-    // what answers `request` (borrowed) takes the token of that, if it has one.
+    // A new message with the header of payload `id` and `type`. A request takes a new token. A
+    // response to `request` (borrowed) takes its token, if it has one.
     PayloadMessage(velmar_message::VelmarMessage::PayloadCase id,
                    velmar_message::VelmarMessageType type, SitMessage* request = nullptr);
 
-    // A clone of `message`, which the caller keeps; nothing for null.
+    // A clone of `message`, which the caller keeps; holds no message when `message` is null.
     explicit PayloadMessage(SitMessage* message);
 
     virtual ~PayloadMessage();
@@ -30,7 +29,10 @@ class PayloadMessage {
     void SetResult(velmar_message::VelmarResult result);
 
   protected:
-    // The envelope for a Fill operation; null, with a log line, when there is none.
+    // The envelope; null when there is none.
+    velmar_message::VelmarMessage* Envelope();
+
+    // The same for a Fill operation, with a log line when there is none.
     velmar_message::VelmarMessage* EnvelopeToFill();
 
     std::unique_ptr<SitMessage> sit_message;
@@ -42,7 +44,7 @@ class VelmarModemStatMessage : public PayloadMessage {
     // A new message of `type`.
     explicit VelmarModemStatMessage(velmar_message::VelmarMessageType type);
 
-    // A clone of `message`, which the caller keeps; nothing for null.
+    // A clone of `message`, which the caller keeps; holds no message when `message` is null.
     explicit VelmarModemStatMessage(SitMessage* message) : PayloadMessage(message) {}
 
     // Makes the payload a request to keep statistics for `module`. A negative `value` or a `type`
@@ -61,7 +63,7 @@ class VelmarExtendedLogMessage : public PayloadMessage {
     // A new message of `type`.
     explicit VelmarExtendedLogMessage(velmar_message::VelmarMessageType type);
 
-    // A clone of `message`, which the caller keeps; nothing for null.
+    // A clone of `message`, which the caller keeps; holds no message when `message` is null.
     explicit VelmarExtendedLogMessage(SitMessage* message) : PayloadMessage(message) {}
 
     // Makes the payload a request for the logs. Returns kStatusSuccess, or kStatusNotFound when
@@ -75,7 +77,7 @@ class VelmarUserspaceLogMessage : public PayloadMessage {
     // A new message of `type`.
     explicit VelmarUserspaceLogMessage(velmar_message::VelmarMessageType type);
 
-    // A clone of `message`, which the caller keeps; nothing for null.
+    // A clone of `message`, which the caller keeps; holds no message when `message` is null.
     explicit VelmarUserspaceLogMessage(SitMessage* message) : PayloadMessage(message) {}
 
     // Makes the payload a request to enable `name`. Returns kStatusSuccess, kStatusInvalid for an
@@ -89,7 +91,8 @@ class VelmarPropertyMessage : public PayloadMessage {
     // A new message of `type` with the token of `request` (borrowed), if that has one.
     VelmarPropertyMessage(velmar_message::VelmarMessageType type, SitMessage* request);
 
-    // Makes the payload the response to a read, with a copy of `value`.
+    // Makes the payload the response to a read, with a copy of `value`. Does nothing when there is
+    // no message, as the Fill operations below.
     void FillReadResponse(const char* value);
 
     // Makes the payload the response to a write.
