@@ -25,7 +25,7 @@ case "${*:-build}" in
     all)
         packages+=(
             "${for_package[@]}"
-            clang clang-format clang-tidy git libclang-rt-14-dev llvm libc++-dev libc++abi-dev
+            clang clang-format clang-tidy git libclang-rt-dev llvm libc++-dev libc++abi-dev
             blueprint-tools checkpolicy m4 mmdebstrap selinux-utils shellcheck
             g++-aarch64-linux-gnu qemu-user-static tshark
             {android-liblog,android-libbase,libprotobuf}-dev:arm64
