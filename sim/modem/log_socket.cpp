@@ -18,8 +18,6 @@ namespace velmar_sim {
 
 namespace {
 
-using std::chrono::system_clock;
-
 // Longer than liblog makes any.
 constexpr size_t kMaxDatagram = 8192;
 
@@ -49,8 +47,9 @@ LogLine LineFrom(std::string_view datagram) {
     line.text.pop_back();
     line.number = header.thread;
     line.total = header.buffer;
-    line.time = FromWallClock(std::chrono::seconds(header.seconds) +
-                              std::chrono::nanoseconds(header.nanoseconds));
+    // Copies, since what is packed allows no references.
+    line.time = FromWallClock(std::chrono::seconds(int64_t{header.seconds}) +
+                              std::chrono::nanoseconds(int64_t{header.nanoseconds}));
     return line;
 }
 
