@@ -67,9 +67,11 @@ int main(int argc, char** argv) {
     } catch (const velmar_sim::BadInput& error) {
         std::cerr << velmar_sim::Printable(error.what()) + "\n";
     } catch (const std::exception& error) {
-        std::cerr << "velmar_sim: " + velmar_sim::Printable(error.what()) + "\n";
+        // A reader that has closed is no error.
+        if (velmar_sim::NotedSignal() != SIGPIPE) {
+            std::cerr << "velmar_sim: " + velmar_sim::Printable(error.what()) + "\n";
+        }
     }
-    // A reader that has closed is none of it.
     if (!std::cout.flush() && velmar_sim::NotedSignal() != SIGPIPE) {
         std::cerr << "standard output: cannot be written\n";
         status = velmar_sim::kBadInput;
