@@ -9,8 +9,10 @@
 
 #include <algorithm>
 #include <array>
+#include <filesystem>
 
 #include "sim/tool/bad_input.h"
+#include "sim/tool/interruption.h"
 #include "sim/tool/message_text.h"
 
 namespace velmar_sim {
@@ -103,6 +105,7 @@ CaptureWriter::CaptureWriter(const std::string& path)
       file(nullptr, pcap_dump_close) {
     FILE* opened = fopen(path.c_str(), "we");
     if (opened == nullptr) ThrowUnwritable(path, errno);
+    is_regular = std::filesystem::is_regular_file(path);
     file.reset(pcap_dump_fopen(format.get(), opened));
     Flush();
 }
@@ -119,6 +122,8 @@ void CaptureWriter::Write(const Event& event) {
     packet.ts.tv_usec = event.since_boot.count() % kMicrosecondsPerSecond;
     packet.caplen = static_cast<bpf_u_int32>(data.size());
     packet.len = static_cast<bpf_u_int32>(sizeof(headers) + event.text.size());
+    // A signal would cut a long one.
+    const SignalDelay delay(is_regular);
     pcap_dump(reinterpret_cast<u_char*>(file.get()), &packet,
               reinterpret_cast<const u_char*>(data.data()));
     Flush();

@@ -30,6 +30,8 @@ class CaptureWriter : public EventWriter {
     const std::string file_path;
     const std::unique_ptr<pcap_t, void (*)(pcap_t*)> format;
     std::unique_ptr<pcap_dumper_t, void (*)(pcap_dumper_t*)> file;
+    // A pipe may block.
+    bool is_regular = false;
     // Of the first write that failed; nothing is written after it.
     int error = 0;
 };

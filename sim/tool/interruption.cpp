@@ -64,4 +64,14 @@ void ThrowIfInterrupted() {
     if (NotedSignal() != 0) throw std::runtime_error("interrupted by " + SignalName(noted_signal));
 }
 
+SignalDelay::SignalDelay(bool is_wanted) {
+    sigset_t delayed;
+    static_cast<void>(is_wanted ? sigfillset(&delayed) : sigemptyset(&delayed));
+    pthread_sigmask(SIG_BLOCK, &delayed, &earlier);
+}
+
+SignalDelay::~SignalDelay() {
+    pthread_sigmask(SIG_SETMASK, &earlier, nullptr);
+}
+
 }  // namespace velmar_sim

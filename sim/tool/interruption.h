@@ -1,5 +1,7 @@
 #pragma once
 
+#include <signal.h>
+
 namespace velmar_sim {
 
 // A signal that is to end this program ends it at once as long as there is nothing to clean up.
@@ -15,5 +17,18 @@ int NotedSignal();
 
 // Throws std::runtime_error, with the signal's name, when one has come. Any thread.
 void ThrowIfInterrupted();
+
+// Puts off signals to this thread while it lives, if wanted. Nothing that may block must be done
+// meanwhile.
+class SignalDelay {
+  public:
+    explicit SignalDelay(bool is_wanted = true);
+    ~SignalDelay();
+    SignalDelay(const SignalDelay&) = delete;
+    SignalDelay& operator=(const SignalDelay&) = delete;
+
+  private:
+    sigset_t earlier;
+};
 
 }  // namespace velmar_sim

@@ -1,13 +1,11 @@
 #include "sim/tool/session.h"
 
-#include <signal.h>
 #include <stdlib.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <iostream>
 
-#include "android-base/scopeguard.h"
 #include "android-base/strings.h"
 
 #include "sim/modem/temporary_folder.h"
@@ -103,12 +101,7 @@ void CheckSessionOptions(const SessionOptions& options) {
                        options.keep);
     }
     // No signal ends this program while the folder is there.
-    sigset_t all;
-    sigset_t blocked;
-    sigfillset(&all);
-    sigprocmask(SIG_SETMASK, &all, &blocked);
-    const auto unblock = android::base::make_scope_guard(
-            [&blocked] { sigprocmask(SIG_SETMASK, &blocked, nullptr); });
+    const SignalDelay delay;
     try {
         const TemporaryFolder tried;
     } catch (const std::runtime_error& error) {

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <filesystem>
 #include <optional>
 #include <sstream>
 
@@ -17,6 +18,7 @@
 #include "google/protobuf/util/json_util.h"
 
 #include "sim/tool/capture.h"
+#include "sim/tool/interruption.h"
 #include "sim/tool/message_text.h"
 #include "sim/tool/names.h"
 #include "sim/tool/scenario_reader.h"
@@ -249,6 +251,7 @@ Event EventFromHex(const std::string& line) {
 TraceWriter::TraceWriter(const std::string& path)
     : file_path(path), file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)) {
     if (file < 0) ThrowUnwritable(path, errno);
+    is_regular = std::filesystem::is_regular_file(path);
 }
 
 void TraceWriter::Write(const Event& event) {
@@ -270,7 +273,9 @@ void TraceWriter::Write(const Event& event) {
     options.preserve_proto_field_names = true;
     std::string line;
     static_cast<void>(google::protobuf::util::MessageToJsonString(row, &line, options));
-    // In one piece and at once, so that a killed program leaves whole rows.
+    // In one piece and at once, so that an ended program leaves whole rows: a signal would cut a
+    // long one.
+    const SignalDelay delay(is_regular);
     if (!android::base::WriteStringToFd(line + "\n", file)) error = errno;
 }
 

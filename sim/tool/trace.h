@@ -27,6 +27,8 @@ class TraceWriter : public EventWriter {
   private:
     const std::string file_path;
     const android::base::unique_fd file;
+    // A pipe may block.
+    bool is_regular = false;
     // Of the first write that failed; nothing is written after it.
     int error = 0;
     // When requests passed, by direction and token.
