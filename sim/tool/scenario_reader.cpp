@@ -260,7 +260,8 @@ class ErrorList : public google::protobuf::io::ErrorCollector {
         list += (list.empty() ? "" : "\n") + origin;
         if (!one_line) list += ":" + std::to_string(location.line + 1);
         if (with_column) list += ":" + std::to_string(location.column + 1);
-        list += ": " + message;
+        // A path may hold a byte 0, which would end the list.
+        list += ": " + Printable(message);
     }
 
     const std::string origin;
