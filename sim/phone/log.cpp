@@ -45,6 +45,9 @@ constexpr size_t kMaxText = 1024;
 // How long a line waits for room at a log that is not read.
 constexpr timeval kPatience = {1, 0};
 
+// In the place of a descriptor: the phone has no log, and gets none.
+constexpr int kNoLog = -2;
+
 constexpr uint8_t kMainBuffer = 0;
 constexpr uint8_t kWarning = 5;
 constexpr char kTag[] = "velmar_phone";
@@ -68,10 +71,13 @@ int Connect(Phone* phone) {
     PathText path = phone->root;
     if (!path.Append(kLogSocket)) return -1;
     android::base::unique_fd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (fd < 0 || !ConnectTo(fd, path)) return -1;
+    int connected = -1;
+    if (fd < 0 || !ConnectTo(fd, path)) {
+        if (errno == ENOENT) phone->log.compare_exchange_strong(connected, kNoLog);
+        return -1;
+    }
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &kPatience, sizeof(kPatience));
     // Another thread may have been faster.
-    int connected = -1;
     if (!phone->log.compare_exchange_strong(connected, fd)) return connected;
     return fd.release();
 }
@@ -103,6 +109,7 @@ bool IsLost(Phone* phone, const LogLine& line, int flags) {
 // The first line that finds no room waits for it; those after it are dropped and counted until
 // there is room again, so that a log that nobody reads stops no program.
 void Write(Phone* phone, LogLine line) {
+    if (phone->log == kNoLog) return;
     const int saved_errno = errno;
     // LOG_ID_DEFAULT, -1, is the main buffer too.
     if (line.buffer < 0) line.buffer = kMainBuffer;

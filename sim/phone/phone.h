@@ -20,7 +20,7 @@ struct Phone {
     PhoneState* state;
     // Devices opened so far.
     std::atomic<Device*> devices;
-    // Connected to the log, or -1; and how many lines it had no room for since the last one.
+    // Connected to the log, or negative; and how many lines it had no room for since the last one.
     std::atomic<int> log;
     std::atomic<int> lost_lines;
     Phone* next;
