@@ -31,7 +31,7 @@ Clock::time_point FromWallClock(std::chrono::nanoseconds moment) {
     return std::min(now, Clock::time_point(moment + std::chrono::nanoseconds(distance_ns)));
 }
 
-void EventStream::Emit(Event event) {
+void EventStream::Emit(const Event& event) {
     const std::lock_guard<std::mutex> guard(lock);
     newest = std::max(newest, event.time);
     if (writers.empty()) return;

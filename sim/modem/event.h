@@ -76,7 +76,7 @@ class EventStream {
     void Attach(EventWriter* writer) { writers.push_back(writer); }
 
     // Returns at once, whatever the writers do.
-    void Emit(Event event);
+    void Emit(const Event& event);
 
     void EmitText(const std::string& text) { Emit({Event::Kind::kText, text}); }
 

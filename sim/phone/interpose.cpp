@@ -261,6 +261,7 @@ int openat(int folder, const char* path, int flags, ...) {
 }
 
 // What programs compiled with checks of glibc call in the place of open, open64 and read.
+// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): glibc's names.
 int __open_2(const char* path, int flags) {
     return open(path, flags);
 }
@@ -273,6 +274,7 @@ ssize_t __read_chk(int fd, void* data, size_t size, size_t room) {
     if (size > room) abort();
     return read(fd, data, size);
 }
+// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 
 FILE* fopen(const char* path, const char* mode) {
     return OpenStream(path, mode, Libc().fopen);

@@ -16,6 +16,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <type_traits>
+
 #include <android-base/unique_fd.h>
 
 #include "device.h"
@@ -117,7 +119,7 @@ void Write(Phone* phone, LogLine line) {
     const int lost = phone->lost_lines.exchange(0);
     if (lost > 0) {
         char text[kMaxText];
-        snprintf(text, sizeof(text), "%d lines lost: the log was not read", lost);
+        (void)snprintf(text, sizeof(text), "%d lines lost: the log was not read", lost);
         if (IsLost(phone, {kMainBuffer, kWarning, kTag, text}, MSG_DONTWAIT)) {
             phone->lost_lines += lost + 1;
             errno = saved_errno;
@@ -128,23 +130,29 @@ void Write(Phone* phone, LogLine line) {
     errno = saved_errno;
 }
 
-// The next function of the name, which is liblog's own. Looked up as the library is loaded, since
-// the linker's lock is not for signal handlers.
-template <typename Call>
-Call* Next(const char* name) {
-    return reinterpret_cast<Call*>(dlsym(RTLD_NEXT, name));
+// The next functions of these names, which are liblog's own. Looked up as the library is loaded,
+// since the linker's lock is not for signal handlers.
+struct NextCalls {
+    int (*write)(int, int, const char*, const char*);
+    void (*write_data)(__android_logger_data*, const char*);
+    void (*write_message)(__android_log_message*);
+};
+NextCalls g_next;
+
+[[gnu::constructor]] void FindNextCalls() {
+    const auto find = [](const char* name, auto* call) {
+        *call = reinterpret_cast<std::remove_reference_t<decltype(*call)>>(dlsym(RTLD_NEXT, name));
+    };
+    find("__android_log_buf_write", &g_next.write);
+    find("__android_log_write_logger_data", &g_next.write_data);
+    find("__android_log_write_log_message", &g_next.write_message);
 }
-auto* const g_next_write = Next<int(int, int, const char*, const char*)>("__android_log_buf_write");
-auto* const g_next_write_data =
-        Next<void(__android_logger_data*, const char*)>("__android_log_write_logger_data");
-auto* const g_next_write_message =
-        Next<void(__android_log_message*)>("__android_log_write_log_message");
 
 int Print(int buffer, int priority, const char* tag, const char* format, va_list arguments) {
     char text[kMaxText];
-    vsnprintf(text, sizeof(text), format, arguments);
+    (void)vsnprintf(text, sizeof(text), format, arguments);
     Phone* phone = CurrentPhone();
-    if (phone == nullptr) return g_next_write(buffer, priority, tag, text);
+    if (phone == nullptr) return g_next.write(buffer, priority, tag, text);
     Write(phone, {buffer, priority, tag, text});
     return 1;
 }
@@ -175,13 +183,13 @@ int __android_log_print(int priority, const char* tag, const char* format, ...) 
 
 void __android_log_write_logger_data(__android_logger_data* data, const char* text) {
     Phone* phone = CurrentPhone();
-    if (phone == nullptr) return g_next_write_data(data, text);
+    if (phone == nullptr) return g_next.write_data(data, text);
     Write(phone, {data->buffer_id, data->priority, data->tag, text});
 }
 
 void __android_log_write_log_message(__android_log_message* message) {
     Phone* phone = CurrentPhone();
-    if (phone == nullptr) return g_next_write_message(message);
+    if (phone == nullptr) return g_next.write_message(message);
     Write(phone,
           {message->data.buffer_id, message->data.priority, message->data.tag, message->text});
 }

@@ -9,7 +9,13 @@
 
 namespace velmar_sim {
 
+std::vector<std::string>& Inputs() {
+    static std::vector<std::string> inputs = {"/dev/stdin"};
+    return inputs;
+}
+
 InputFile OpenInput(const std::string& path) {
+    Inputs().push_back(path);
     static bool is_stdin_read = false;
     if (path == "-" && std::exchange(is_stdin_read, true)) {
         throw BadInput("-: standard input is given twice");

@@ -5,6 +5,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace velmar_sim {
 
@@ -16,6 +17,9 @@ class BadInput : public std::runtime_error {
 };
 
 using InputFile = std::unique_ptr<FILE, int (*)(FILE*)>;
+
+// The paths of all files that are read, or may still be; /dev/stdin among them. Main thread.
+std::vector<std::string>& Inputs();
 
 // Opens the file `path`, or standard input for "-", once, to be read. Throws BadInput. Main thread.
 InputFile OpenInput(const std::string& path);

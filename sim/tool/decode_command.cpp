@@ -24,7 +24,7 @@ struct Options {
 int Decode(const Options& options) {
     // Before the writers: nothing is overwritten for the sake of a file that cannot be read.
     InputFile file = OpenInput(options.path);
-    SessionWriters writers(options.session, {options.path});
+    SessionWriters writers(options.session);
     ReadTrace(options.path, std::move(file), [&writers](const Event& event, int) {
         for (const auto& writer : writers.all()) writer->Write(event);
     });

@@ -139,7 +139,7 @@ class Preview {
         : input(config),
           factor(options.time_factor),
           rows(config.config->kind, config.text),
-          writers(options, {}),
+          writers(options),
           phone(MakePhone(config)),
           session(config.path, phone, options, writers) {
         for (const ConfigRow& row : rows.all()) {

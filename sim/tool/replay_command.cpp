@@ -82,7 +82,7 @@ int ReplayTrace(const Options& options) {
         throw BadInput("--keep=DIR: expected a trace of one session, found " +
                        std::to_string(sessions.size()));
     }
-    SessionWriters writers(options.session, {options.path, options.phone_path});
+    SessionWriters writers(options.session);
     ReplayResult all;
     for (size_t i = 0; i < sessions.size() && NotedSignal() == 0; ++i) {
         Session session("replay of " + options.path, phones[i], options.session, writers);

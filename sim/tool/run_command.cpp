@@ -69,7 +69,7 @@ int Run(const Options& options) {
     if (files.size() > 1 && IsKeptAt(options.session)) {
         throw BadInput("--keep=DIR: expected one scenario, found " + std::to_string(files.size()));
     }
-    SessionWriters writers(options.session, options.paths);
+    SessionWriters writers(options.session);
     size_t failed = 0;
     size_t steps = 0;
     for (const ScenarioFile& file : files) {

@@ -273,7 +273,9 @@ class ErrorList : public google::protobuf::io::ErrorCollector {
 // Makes the path of a file of the workstation one that leads from here.
 template <typename WithSource>
 void ResolveSource(const std::filesystem::path& folder, WithSource* origin) {
-    if (origin->has_source()) origin->set_source(folder / origin->source());
+    if (!origin->has_source()) return;
+    origin->set_source(folder / origin->source());
+    Inputs().push_back(origin->source());
 }
 
 void ResolveSources(const std::filesystem::path& folder, Phone* phone) {

@@ -26,11 +26,10 @@ bool UsesColours(const std::string& color) {
 }
 
 // Throws BadInput when to record in this file would destroy what a person made.
-void CheckTrace(const std::string& path, std::vector<std::string> inputs) {
+void CheckTrace(const std::string& path) {
     std::error_code missing;
     if (!std::filesystem::is_regular_file(path, missing)) return;
-    inputs.emplace_back("/dev/stdin");
-    for (const std::string& input : inputs) {
+    for (const std::string& input : Inputs()) {
         // By whatever names.
         if (!std::filesystem::equivalent(path, input, missing)) continue;
         throw BadInput("--trace: " + path + ": expected a file that is not read as well");
@@ -110,9 +109,8 @@ void CheckSessionOptions(const SessionOptions& options) {
     }
 }
 
-SessionWriters::SessionWriters(const SessionOptions& options,
-                               const std::vector<std::string>& inputs) {
-    for (const std::string& path : options.traces) CheckTrace(path, inputs);
+SessionWriters::SessionWriters(const SessionOptions& options) {
+    for (const std::string& path : options.traces) CheckTrace(path);
     if (!options.quiet) {
         writers.push_back(std::make_unique<Transcript>(UsesColours(options.color), options.full));
     }

@@ -113,7 +113,7 @@ class Shell {
         : phone(PhoneFrom(options)),
           saved(phone),
           input(CompleteLine, [this] { return Look(); }),
-          writers(options.session, {options.phone_file}),
+          writers(options.session),
           session(kTitle, phone, options.session, writers) {
         session.events().Attach(&saved);
     }
