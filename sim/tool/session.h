@@ -55,8 +55,8 @@ void CheckSessionOptions(const SessionOptions& options);
 // Shows or records what happens in all sessions of a command, as its options ask for it.
 class SessionWriters {
   public:
-    // Throws BadInput when the file of a trace cannot be made, and before any is touched when one is
-    // an input as well or holds something other than a trace.
+    // Throws BadInput when the file of a trace cannot be made, and before any is touched when one
+    // is an input as well or holds something other than a trace.
     explicit SessionWriters(const SessionOptions& options);
 
     const std::vector<std::unique_ptr<EventWriter>>& all() const { return writers; }
