@@ -71,9 +71,12 @@ class EventStream {
     EventStream(const EventStream&) = delete;
     EventStream& operator=(const EventStream&) = delete;
 
-    // `writer`, which is borrowed, gets all events from now on. Without any writer events are
-    // forgotten. Before the first event.
-    void Attach(EventWriter* writer) { writers.push_back(writer); }
+    // `writer`, which is borrowed, gets all events that are not shown yet. Without any writer
+    // events are forgotten. On the thread that shows them.
+    void Attach(EventWriter* writer) {
+        const std::lock_guard<std::mutex> guard(lock);
+        writers.push_back(writer);
+    }
 
     // Returns at once, whatever the writers do.
     void Emit(const Event& event);

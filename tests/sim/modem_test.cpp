@@ -115,6 +115,38 @@ TEST_F(ModemTest, MessagesOfEverySizeKeepTheirBorders) {
     EXPECT_THROW(modem.SendBytes(std::string(131073, 'm')), std::runtime_error);
 }
 
+TEST(EventStream, EventsAreShownInTheOrderOfTheirTimesOnceTheyAreSettled) {
+    struct : velmar_sim::EventWriter {
+        void Write(const velmar_sim::Event& event) override {
+            EXPECT_GE(event.since_boot, last);
+            last = event.since_boot;
+            shown += event.text;
+        }
+        std::chrono::microseconds last{0};
+        std::string shown;
+    } writer;
+    velmar_sim::EventStream stream;
+    stream.Attach(&writer);
+    const auto now = velmar_sim::Clock::now();
+    const auto emit = [&](const char* text, milliseconds time) {
+        velmar_sim::Event event;
+        event.text = text;
+        event.time = now + time;
+        stream.Emit(event);
+    };
+    emit("d", milliseconds(100000));
+    emit("b", milliseconds(-100));
+    emit("c", milliseconds(-90));
+    emit("a", milliseconds(-200));
+    stream.Show();
+    EXPECT_EQ(writer.shown, "abc");
+    emit("(late)", milliseconds(-300));
+    stream.Show();
+    EXPECT_EQ(writer.shown, "abc(late)");
+    stream.Show(velmar_sim::EventStream::Which::kAll);
+    EXPECT_EQ(writer.shown, "abc(late)d");
+}
+
 TEST(PhoneFolder, FillsInWhatIsAskedForAndRefusesTheRest) {
     const mode_t before = umask(0777);
     const PhoneFolder folder;

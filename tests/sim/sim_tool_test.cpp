@@ -304,6 +304,23 @@ TEST_F(ToolTest, MessagesAndPushesAreShownAndDifferencesNamed) {
     EXPECT_THAT(Output(), HasSubstr("s:3: chunk 1 of 100 at offset 0: the message differs"));
 }
 
+TEST_F(ToolTest, StepsWaitForAServiceThatStarts) {
+    const std::string wrapper = scratch.path() + "/slow";
+    std::ofstream(wrapper) << "#!/bin/sh\nsleep 0.3\nexec " VELMAR_PATH " \"$@\"\n";
+    ASSERT_EQ(chmod(wrapper.c_str(), 0700), 0);
+    const std::string offline = "step { log { text: 'Modem is not online' } }\n";
+    // Before the service has installed its handler the signal would end it.
+    Run("phone { file { path: '/data/vendor/radio/velmar_pid' } }\n"
+        "step { signal: 'SIGUSR1' }" +
+                offline +
+                "step { signal: 'SIGKILL' }\n"
+                "step { exit { signal: 'SIGKILL' } }\nstep { restart {} }\n"
+                "step { client { argument: '-e' } }" +
+                offline,
+        "--time-factor 4 --velmar " + wrapper);
+    EXPECT_EQ(ExitStatus(), 0) << Output();
+}
+
 // The service logs a line for each reading. Meanwhile nobody reads what the tool shows, which is
 // more than a pipe holds.
 TEST_F(ToolTest, AReaderThatIsSlowLosesNoLogLine) {
